@@ -1,0 +1,5 @@
+// Processor floating-point mode.
+#pragma once
+
+// Flush subnormal results to zero and read subnormal operands as zero (MXCSR FTZ and DAZ).
+void CoreSetFlushToZero();
