@@ -7,6 +7,7 @@
 #include <string>
 
 #include "compute/compute.h"
+#include "compute/progress.h"
 #include "imagefile/imagefile.h"
 #include "options/options.h"
 #include "platform/core/array.h"
@@ -25,6 +26,7 @@ constexpr const char *kTag = "ZVCOMP";
 ImageSlot *src1_slot, *src2_slot, *dst_slot;
 
 uint64_t h_count;
+Progress progress;  // cleared after the run, also when it fails
 uint64_t seed_value = 123;
 
 OptionEntry kProgramOptions[] = {
@@ -280,6 +282,8 @@ int Run(int argc, char **argv) {
   }
 
   ImageioHandle *dh = dst_slot->handle;
+  ProgressStart(&progress, total, TypeSize(dst_type));
+  uint64_t blocks = total ? (total - 1) / block + 1 : 0, blocks_done = 0;
   for (uint64_t offset = 0; offset < total;) {
     uint64_t n = total - offset < block ? total - offset : block;
     void *dbuf = c.inplace ? ImageioBeginRead(dh, offset, n) : ImageioBeginWrite(dh, offset, n);
@@ -297,6 +301,7 @@ int Run(int argc, char **argv) {
     if (count1 && count1 == total && ImageioEndRead(src1_slot->handle, offset, n, const_cast<void *>(s1))) return 1;
     if (ImageioEndWrite(dh, offset, n, dbuf)) return 1;
     offset += n;
+    ProgressUpdate(&progress, offset, ++blocks_done, blocks);
   }
 
   if (!c.inplace) ImageFileDel(dst_slot, false);
@@ -327,5 +332,7 @@ int ComputeMain(int argc, char **argv) {
   CorePreinit(kProgram, kVersion, kNotice, kTag);
   uint32_t word = 0;
   if (CoreInit(kProgram, &kModuleList, ComputeOptionsInit, 0, &word)) return 1;
-  return Run(*CoreArgc, CoreArgv);
+  int status = Run(*CoreArgc, CoreArgv);
+  ProgressFinish(&progress);
+  return status;
 }

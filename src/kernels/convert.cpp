@@ -125,20 +125,24 @@ template <class D, class S> inline D Element(S x) {
   }
 }
 
+// Words through which floating elements are copied bit for bit; they may alias the elements.
+typedef uint32_t Word32 __attribute__((may_alias));
+typedef uint64_t Word64 __attribute__((may_alias));
+
 // Types whose conversion is a bit copy of one binary32 / binary64 value: real and imaginary of one
 // width, and the real or imaginary part of a complex of the same width.
 template <class T> struct BitsOf { using type = void; static constexpr size_t size = 0; };
-template <> struct BitsOf<float> { using type = uint32_t; static constexpr size_t size = 4; };
-template <> struct BitsOf<Imag32> { using type = uint32_t; static constexpr size_t size = 4; };
-template <> struct BitsOf<double> { using type = uint64_t; static constexpr size_t size = 8; };
-template <> struct BitsOf<Imag64> { using type = uint64_t; static constexpr size_t size = 8; };
+template <> struct BitsOf<float> { using type = Word32; static constexpr size_t size = 4; };
+template <> struct BitsOf<Imag32> { using type = Word32; static constexpr size_t size = 4; };
+template <> struct BitsOf<double> { using type = Word64; static constexpr size_t size = 8; };
+template <> struct BitsOf<Imag64> { using type = Word64; static constexpr size_t size = 8; };
 
 template <class S, class D> void Loop(const void *src, uint64_t count, void *dst) {
   const S *s = static_cast<const S *>(src);
   D *d = static_cast<D *>(dst);
   using SB = typename BitsOf<S>::type;
   using DB = typename BitsOf<D>::type;
-  if constexpr (!std::is_void_v<SB> && std::is_same_v<SB, DB>) {
+  if constexpr (BitsOf<S>::size != 0 && BitsOf<S>::size == BitsOf<D>::size) {
     // Same-width real/imaginary reinterpretation: bits unchanged (-0, NaN payloads, infinities).
     const SB *sb = static_cast<const SB *>(src);
     SB *db = static_cast<SB *>(dst);
@@ -159,12 +163,12 @@ template <class S, class D> void Loop(const void *src, uint64_t count, void *dst
       db[2 * i + 1 - part] = 0;
     }
   } else if constexpr (std::is_same_v<S, Cmplx32> && std::is_same_v<D, Cmplx32>) {
-    const uint64_t *sb = static_cast<const uint64_t *>(src);
-    uint64_t *db = static_cast<uint64_t *>(dst);
+    const Word64 *sb = static_cast<const Word64 *>(src);
+    Word64 *db = static_cast<Word64 *>(dst);
     for (uint64_t i = 0; i < count; ++i) db[i] = sb[i];
   } else if constexpr (std::is_same_v<S, Cmplx64> && std::is_same_v<D, Cmplx64>) {
-    const uint64_t *sb = static_cast<const uint64_t *>(src);
-    uint64_t *db = static_cast<uint64_t *>(dst);
+    const Word64 *sb = static_cast<const Word64 *>(src);
+    Word64 *db = static_cast<Word64 *>(dst);
     for (uint64_t i = 0; i < 2 * count; ++i) db[i] = sb[i];
   } else {
     for (uint64_t i = 0; i < count; ++i) d[i] = Element<D>(s[i]);

@@ -140,6 +140,8 @@ inline constexpr uint32_t OptionsRegistryMax = 16;
 
 // Read one declaration; 0 or E_OPTIONS_PARSE (pushed with the declaration).
 uint32_t OptionsParseSpec(const char *declaration, OptionSpec *spec, const OptionPrefix *prefix);
+// The same without reporting (for the usage line, where an unreadable declaration prints nothing).
+bool OptionsReadSpecQuiet(const char *declaration, OptionSpec *spec, const OptionPrefix *prefix);
 // Parse a table against CoreArgv/CoreArgc and the environment; matched arguments are removed from
 // the vector. Returns 0 or the first error (pushed).
 uint32_t OptionsParse(const OptionEntry *table, const OptionPrefix *prefix);

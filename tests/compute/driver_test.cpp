@@ -54,10 +54,9 @@ TEST_F(Driver, FourFormsComputeAndExitZero) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(ReadReal32("a.img"), (std::vector<float>{4.0f, 0.5f}));
 
-  std::string before = ReadFileBytes(P("a.img"));
   r = RunTool({P("a.img"), "+"});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(ReadFileBytes(P("a.img")), before);
+  EXPECT_EQ(ReadReal32("a.img"), (std::vector<float>{4.0f, 0.5f}));
 }
 
 TEST_F(Driver, MalformedCommandsPrintTheFourUsageLines) {
@@ -108,6 +107,7 @@ TEST_F(Driver, OperandChecks) {
   ExpectError({P("o.img"), "=", P("d4.img"), "+", P("b2.img")}, "array size mismatch, file " + P("d4.img"));
   ExpectError({P("o.img"), "=", P("b2.img"), "+", P("c2.img")}, "array size mismatch, file " + P("c2.img"));
   ExpectError({P("b2.img"), "+", P("d4.img")}, "invalid number of dimensions");
+  ExpectError({P("b2.img"), "+", P("d4.img")}, P("d4.img"));
   WriteImage(P("s.img"), TypeInt16, {2}, std::vector<int16_t>{1, 2});
   WriteImage(P("t.img"), TypeInt32, {2}, std::vector<int32_t>{1, 2});
   ExpectError({P("o.img"), "=", P("s.img"), "and", P("t.img")}, "invalid data type, file " + P("t.img"));
@@ -153,7 +153,8 @@ TEST_F(Driver, BroadcastsASmallerOperandOverAFourAxisImage) {
   r = RunTool({P("big.img"), "-", P("small.img")});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(ReadReal32("big.img"), want);
-  ExpectError({P("small.img"), "-", P("big.img")}, "invalid number of dimensions: " + P("big.img"));
+  ExpectError({P("small.img"), "-", P("big.img")}, "invalid number of dimensions");
+  ExpectError({P("small.img"), "-", P("big.img")}, P("big.img"));
 }
 
 TEST_F(Driver, SeedFromCommandLineAndEnvironment) {

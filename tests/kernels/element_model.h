@@ -88,16 +88,21 @@ inline ModelValue ReadModel(const void *buf, ElementType t, uint64_t i) {
 }
 
 // Rounds to the floating width (nearest, ties to even, from the exact value) and flushes
-// subnormal results.
+// subnormal results. The test is made on the bits: a floating comparison would itself read the
+// subnormal as zero.
 inline void StoreFloat(unsigned char *p, int part, long double x) {
   if (part == 4) {
     float f = static_cast<float>(x);
-    if (std::fpclassify(f) == FP_SUBNORMAL) f = std::copysign(0.0f, f);
-    std::memcpy(p, &f, 4);
+    uint32_t u;
+    std::memcpy(&u, &f, 4);
+    if ((u & 0x7f800000u) == 0) u &= 0x80000000u;
+    std::memcpy(p, &u, 4);
   } else {
     double d = static_cast<double>(x);
-    if (std::fpclassify(d) == FP_SUBNORMAL) d = std::copysign(0.0, d);
-    std::memcpy(p, &d, 8);
+    uint64_t u;
+    std::memcpy(&u, &d, 8);
+    if ((u & 0x7ff0000000000000ull) == 0) u &= 0x8000000000000000ull;
+    std::memcpy(p, &u, 8);
   }
 }
 

@@ -62,7 +62,9 @@ template <class I> std::vector<I> IntValues() {
   };
   if constexpr (std::is_signed_v<I>) add({I(-1), I(-5), I(-9), I(L::min() + 1)});
   if constexpr (sizeof(I) >= 4) add({I(16777217), I(16777219), I(2147483647)});
-  if constexpr (sizeof(I) == 8) add({I(1) << 62, I(9007199254740993ull)});
+  // 2^60 + 2^36 + 1 rounds up when converted once, but to 2^60 when rounded through binary64 first.
+  if constexpr (sizeof(I) == 8) add({I(1) << 62, I(9007199254740993ull), I(0x1000001000000001ull)});
+  if constexpr (std::is_same_v<I, uint64_t>) add({I(0x8000008000000001ull)});
   for (int i = 0; i < 23; ++i) v.push_back(static_cast<I>(i * 11 % 120));
   return v;
 }

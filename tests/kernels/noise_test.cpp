@@ -59,6 +59,11 @@ std::vector<float> FirstOperand() {
 std::vector<float> Amplitudes(size_t n) {
   std::vector<float> a;
   for (size_t i = 0; i < n; ++i) a.push_back(static_cast<float>(static_cast<int>(i % 9) - 3) * 0.75f);
+  // Tiny amplitudes: scaled by 2^-31 first, they flush to zero before the draw is applied.
+  a[0] = 1e-30f;
+  a[3] = -2e-36f;
+  // A large amplitude against the tiny first operand -1e-30: d * 2^-31 flushes to zero, b * d does not.
+  a[6] = 1e20f;
   return a;
 }
 
@@ -107,7 +112,7 @@ TEST(NoiseKernels, ScalarAmplitudeMatchesModel) {
   const std::vector<float> d = FirstOperand();
   for (unsigned seed : kSeeds)
     for (Op op : kOps)
-      for (float a : {2.5f, -1.0f, 1e6f}) {
+      for (float a : {2.5f, -1.0f, 1e6f, 1e-30f}) {
         std::vector<float> dst(d.size());
         std::srand(seed);
         ASSERT_EQ(KernelOf(op)(0, d.data(), TypeReal32, &a, TypeReal32, d.size(), dst.data(), TypeReal32), 0u);

@@ -34,9 +34,10 @@ struct CoreState {
   bool exit_hook = false;
 };
 
+// Never destroyed: process end uses it from an exit handler.
 CoreState &State() {
-  static CoreState state;
-  return state;
+  static auto *state = new CoreState;
+  return *state;
 }
 
 // Objects go in reverse order of construction. A destructor that fails (a file that cannot be

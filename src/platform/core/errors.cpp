@@ -33,14 +33,15 @@ const ErrorEntry kCoreErrors[] = {
     {nullptr, nullptr},
 };
 
+// Never destroyed: the stack is reported by an exit handler, after static objects are gone.
 std::vector<ErrorBlock> &Blocks() {
-  static std::vector<ErrorBlock> blocks;
-  return blocks;
+  static auto *blocks = new std::vector<ErrorBlock>;
+  return *blocks;
 }
 
 std::vector<PendingError> &Stack() {
-  static std::vector<PendingError> stack;
-  return stack;
+  static auto *stack = new std::vector<PendingError>;
+  return *stack;
 }
 
 const char *MessageOf(uint32_t code) {

@@ -43,19 +43,19 @@ double SumSquares(uint64_t m, const float *p) {
   return FoldLanes(lane);
 }
 
-// dst[k] = src[k] - mean[k % Parts] for the count * Parts values of a block (Parts 2 for complex
+// dst[k] = src[k] - mean[k % Components] for the count * Components values of a block (2 for complex
 // data), subtracted in binary64 and rounded once. Chunks of constant length let the loop vectorise.
-template <size_t Parts>
-void SubtractMean(uint64_t count, const float *src, float *dst, const double (&mean)[Parts]) {
+template <size_t Components>
+void SubtractMean(uint64_t count, const float *src, float *dst, const double (&mean)[Components]) {
   constexpr size_t kChunk = 8;
-  uint64_t m = count * Parts, i = 0;
+  uint64_t m = count * Components, i = 0;
   for (; i + kChunk <= m; i += kChunk) {
     // Read the whole chunk first: src and dst are usually the same buffer.
     float r[kChunk];
-    for (size_t j = 0; j < kChunk; ++j) r[j] = static_cast<float>(static_cast<double>(src[i + j]) - mean[j % Parts]);
+    for (size_t j = 0; j < kChunk; ++j) r[j] = static_cast<float>(static_cast<double>(src[i + j]) - mean[j % Components]);
     for (size_t j = 0; j < kChunk; ++j) dst[i + j] = r[j];
   }
-  for (; i < m; ++i) dst[i] = static_cast<float>(static_cast<double>(src[i]) - mean[i % Parts]);
+  for (; i < m; ++i) dst[i] = static_cast<float>(static_cast<double>(src[i]) - mean[i % Components]);
 }
 
 }  // namespace

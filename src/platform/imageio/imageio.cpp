@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -51,14 +52,16 @@ uint32_t ImageioRegister() { return ExceptionRegister(kErrors, E_IMAGEIO, E_IMAG
 const ImageioFormatOps *const kFormats[] = {&ImageioNativeOps, &ImageioNpyOps, &ImageioMrcOps};
 
 // Handles alive now: a created image takes the history of the image whose geometry it copies.
+// Images are closed at process end, after static objects may have been destroyed: these two are
+// never destroyed.
 std::vector<ImageioHandle *> &LiveHandles() {
-  static std::vector<ImageioHandle *> live;
-  return live;
+  static auto *live = new std::vector<ImageioHandle *>();
+  return *live;
 }
 
 std::string &HistoryText() {
-  static std::string text;
-  return text;
+  static auto *text = new std::string();
+  return *text;
 }
 
 // The buffer of an empty block: callers always get a valid address.
@@ -169,8 +172,7 @@ uint16_t Load16(const unsigned char *p, bool swap) {
 // address as src or below it, as long as every stored element lies at or above its converted
 // element: each element is loaded before its converted form is stored.
 void ConvertIn(const ImageioHandle *h, const unsigned char *src, unsigned char *dst, uint64_t count) {
-  bool swap = h->swap_unit > 1 && h->conv != ImageioConvNone &&
-              (h->conv == ImageioConvSwap || h->big_endian);
+  bool swap = h->big_endian;
   switch (h->conv) {
     case ImageioConvSwap:
       if (src != dst) std::memmove(dst, src, count * h->esize);
@@ -374,9 +376,8 @@ uint32_t CheckHeld(ImageioHandle *h, uint64_t first, uint64_t count, void *buffe
   return 0;
 }
 
-uint32_t FailErrno(ImageioHandle *h, uint32_t code, int err, const char *text = nullptr) {
-  uint32_t st = text ? ExceptionPushMsg(code, text, nullptr) : ExceptionPush(code);
-  if (!text && ExceptionGet(1) != code) st = ExceptionPushMsg(code, "", nullptr);
+uint32_t FailErrno(ImageioHandle *h, uint32_t code, int err, const char *text = "") {
+  uint32_t st = ExceptionPushMsg(code, text, nullptr);
   ExceptionSetPath(h->path.c_str());
   ExceptionSetErrno(err);
   return st;
@@ -478,7 +479,7 @@ ImageioHandle *Open(const char *path, ImageDesc *desc, const ImageioParam *param
                  " found)").c_str());
     return fail();
   }
-  if (h->ops != &ImageioNpyOps && end < h->size) {
+  if (h->ops->exact_size && end < h->size) {
     ImageioFail(h, E_IMAGEIO_HEADER,
                 (" (file size does not match the header: " + Num(end) + " bytes expected, " + Num(h->size) +
                  " found)").c_str());
@@ -907,7 +908,8 @@ uint32_t ImageioEndWrite(ImageioHandle *h, uint64_t first, uint64_t count, void 
       h->in_order = false;
     }
   }
-  if (count == 0 || buffer == static_cast<void *>(h->map + h->data_offset + first * h->esize)) return 0;
+  // A mapped block was written in place.
+  if (count == 0 || Direct(h)) return 0;
   return Store(h, first, count, static_cast<unsigned char *>(buffer));
 }
 

@@ -46,6 +46,7 @@ struct ImageioFormatOps {
   uint32_t (*write_header)(ImageioHandle *h, bool final);
   bool keeps_stats;    // header statistics accumulated as blocks are written
   bool keeps_history;  // history lines recorded in new and rewritten files
+  bool exact_size;     // the file ends where the data ends (else trailing bytes are allowed)
 };
 
 extern const ImageioFormatOps ImageioNativeOps;
@@ -100,7 +101,7 @@ struct ImageioHandle {
 
   // Format-private header bytes kept for rewriting (MRC) and byte order of the file.
   unsigned char header[1024];
-  bool big_endian;
+  bool big_endian;  // stored data (and MRC header) big-endian
   int32_t mrc_mode;
 };
 
@@ -112,6 +113,9 @@ uint32_t ImageioFail(ImageioHandle *h, uint32_t code, const char *text1, const c
                      const char *text3 = nullptr);
 // Statistics of the whole image as stored now (one pass; used when writes did not cover it once).
 uint32_t ImageioComputeStats(ImageioHandle *h, ImageioStats *stats);
+// Statistics for the final header: those accumulated while writing when the writes covered the image
+// once and in order, else a pass over the stored data.
+uint32_t ImageioFinalStats(ImageioHandle *h, ImageioStats *stats);
 // Final header statistics: min, max, mean, population standard deviation; false when not computable.
 bool ImageioStatsResult(const ImageioStats &s, float *dmin, float *dmax, float *dmean, float *rms);
 // The history text set for this process (empty when none).
