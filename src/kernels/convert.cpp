@@ -17,10 +17,6 @@ uint32_t ComputeNop(uint32_t, const void *, ElementType, const void *, ElementTy
   return 0;
 }
 
-// The block loops below are meant to run as vector code; the default cost model of -O2 only
-// vectorises loops whose trip count is a known multiple of the vector width.
-#pragma GCC optimize("vect-cost-model=dynamic")
-
 namespace {
 
 // ---- scalar rules -------------------------------------------------------------------------------

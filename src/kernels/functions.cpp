@@ -17,25 +17,15 @@ inline float AsinOp(float x) { return asinf(x); }
 inline float AcosOp(float x) { return acosf(x); }
 inline float AtanOp(float x) { return atanf(x); }
 
-// Elements go in groups of eight, a fixed-length inner loop that the compiler turns into vector
-// instructions where f allows it (sqrt and the integer-to-binary32 conversions), then the tail.
-constexpr uint64_t kGroup = 8;
-
 template <class T, float (*F)(float)>
 void ApplyLoop(const T *__restrict s, float *__restrict d, uint64_t count) {
-  uint64_t k = 0;
-  for (; k + kGroup <= count; k += kGroup)
-    for (uint64_t j = 0; j < kGroup; ++j) d[k + j] = F(ElementToReal32(s[k + j]));
-  for (; k < count; ++k) d[k] = F(ElementToReal32(s[k]));
+  for (uint64_t k = 0; k < count; ++k) d[k] = F(ElementToReal32(s[k]));
 }
 
 // In place on real32: each element is read before it is overwritten by f of itself.
 template <float (*F)(float)>
 void ApplyInPlace(float *d, uint64_t count) {
-  uint64_t k = 0;
-  for (; k + kGroup <= count; k += kGroup)
-    for (uint64_t j = 0; j < kGroup; ++j) d[k + j] = F(d[k + j]);
-  for (; k < count; ++k) d[k] = F(d[k]);
+  for (uint64_t k = 0; k < count; ++k) d[k] = F(d[k]);
 }
 
 // The common shape of the nine kernels: real32 destination only, integer or real sources only.
@@ -59,47 +49,18 @@ uint32_t ApplyFunction(const void *src1, ElementType src1_type, uint64_t count, 
 
 }  // namespace
 
-uint32_t ComputeSqrt(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<SqrtOp>(src1, src1_type, count, dst, dst_type);
-}
+#define ZV_FUNCTION_KERNEL(Name, Op)                                   \
+  uint32_t Name(ZV_KERNEL_ARGS) {                                      \
+    (void)operand2_is_array, (void)src2, (void)src2_type;              \
+    return ApplyFunction<Op>(src1, src1_type, count, dst, dst_type);   \
+  }
 
-uint32_t ComputeExp(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<ExpOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeLn(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<LnOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeCos(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<CosOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeSin(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<SinOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeTan(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<TanOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeAsin(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<AsinOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeAcos(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<AcosOp>(src1, src1_type, count, dst, dst_type);
-}
-
-uint32_t ComputeAtan(ZV_KERNEL_ARGS) {
-  (void)operand2_is_array, (void)src2, (void)src2_type;
-  return ApplyFunction<AtanOp>(src1, src1_type, count, dst, dst_type);
-}
+ZV_FUNCTION_KERNEL(ComputeSqrt, SqrtOp)
+ZV_FUNCTION_KERNEL(ComputeExp, ExpOp)
+ZV_FUNCTION_KERNEL(ComputeLn, LnOp)
+ZV_FUNCTION_KERNEL(ComputeCos, CosOp)
+ZV_FUNCTION_KERNEL(ComputeSin, SinOp)
+ZV_FUNCTION_KERNEL(ComputeTan, TanOp)
+ZV_FUNCTION_KERNEL(ComputeAsin, AsinOp)
+ZV_FUNCTION_KERNEL(ComputeAcos, AcosOp)
+ZV_FUNCTION_KERNEL(ComputeAtan, AtanOp)

@@ -7,10 +7,6 @@
 
 namespace {
 
-// Groups of eight elements form a fixed-length inner loop that the compiler turns into vector
-// compare-and-select instructions; the tail runs one element at a time.
-constexpr uint64_t kGroup = 8;
-
 template <bool kMax> inline float KeepUnlessBetter(float d, float b) {
   if constexpr (kMax) return b > d ? b : d;
   else return b < d ? b : d;
@@ -24,10 +20,7 @@ template <bool kMax> inline float KeepIfBetter(float d, float b) {
 // Second operand an image: d[k] against its own element s[k].
 template <bool kMax, class T>
 void ImageLoop(const T *__restrict s, float *__restrict d, uint64_t count) {
-  uint64_t k = 0;
-  for (; k + kGroup <= count; k += kGroup)
-    for (uint64_t j = 0; j < kGroup; ++j) d[k + j] = KeepUnlessBetter<kMax>(d[k + j], ElementToReal32(s[k + j]));
-  for (; k < count; ++k) d[k] = KeepUnlessBetter<kMax>(d[k], ElementToReal32(s[k]));
+  for (uint64_t k = 0; k < count; ++k) d[k] = KeepUnlessBetter<kMax>(d[k], ElementToReal32(s[k]));
 }
 
 // The same when the second operand's buffer is the destination itself: element by element.
@@ -37,10 +30,7 @@ template <bool kMax, class T> void ImageLoopAliased(const T *s, float *d, uint64
 
 // Second operand a number: every d[k] against the one value b.
 template <bool kMax> void NumberLoop(float b, float *d, uint64_t count) {
-  uint64_t k = 0;
-  for (; k + kGroup <= count; k += kGroup)
-    for (uint64_t j = 0; j < kGroup; ++j) d[k + j] = KeepIfBetter<kMax>(d[k + j], b);
-  for (; k < count; ++k) d[k] = KeepIfBetter<kMax>(d[k], b);
+  for (uint64_t k = 0; k < count; ++k) d[k] = KeepIfBetter<kMax>(d[k], b);
 }
 
 template <bool kMax>

@@ -4,9 +4,6 @@
 
 #include "kernels/element.h"
 
-// Element loops are written to run as vector code; -O2's default cost model would keep them scalar.
-#pragma GCC optimize("vect-cost-model=dynamic")
-
 #include "kernels/arith.h"
 
 namespace {

@@ -167,11 +167,11 @@ uint32_t OptionsUsageItem(const OptionEntry *row, const OptionPrefix *prefix);
 uint32_t OptionsUsageText(const OptionEntry *row, const OptionPrefix *prefix, std::string *text);
 // The whole usage line after "usage: <program>" without the newline; registered tables listed are
 // forgotten, as in OptionsUsage.
-void OptionsUsageLine(const OptionEntry *table, std::string *text);
+uint32_t OptionsUsageLine(const OptionEntry *table, std::string *text);
 
 // Error texts.
 uint32_t OptionsReportSpec(uint32_t code, const char *declaration);
 uint32_t OptionsReportName(uint32_t code, const OptionSpec *spec);
 uint32_t OptionsReportPair(uint32_t code, const char *joiner, const OptionEntry *row, const OptionPrefix *prefix);
 // " -<prefix><name>", prefix and name cut to 125 characters together.
-void OptionsNameText(const OptionSpec *spec, const char *name, uint64_t length, char text[128]);
+uint32_t OptionsNameText(const OptionSpec *spec, const char *name, uint64_t length, char text[128]);

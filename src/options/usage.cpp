@@ -100,9 +100,10 @@ uint32_t OptionsUsageItem(const OptionEntry *row, const OptionPrefix *prefix) {
   return st;
 }
 
-void OptionsUsageLine(const OptionEntry *table, std::string *text) {
+uint32_t OptionsUsageLine(const OptionEntry *table, std::string *text) {
   text->clear();
-  if (!table || !table->declaration) return;
+  if (!table) return ExceptionPush(E_ARGUMENT);
+  if (!table->declaration) return 0;
   const OptionEntry *end = table;
   while (end->declaration) ++end;
   std::string item;
@@ -112,6 +113,7 @@ void OptionsUsageLine(const OptionEntry *table, std::string *text) {
     OptionsUsageText(row, nullptr, &item);
     *text += item;
   }
+  return 0;
 }
 
 uint32_t OptionsUsage(const OptionEntry *table) {
@@ -123,7 +125,7 @@ uint32_t OptionsUsage(const OptionEntry *table) {
   std::exit(1);
 }
 
-void OptionsNameText(const OptionSpec *spec, const char *name, uint64_t length, char text[128]) {
+uint32_t OptionsNameText(const OptionSpec *spec, const char *name, uint64_t length, char text[128]) {
   size_t k = 0;
   text[k++] = ' ';
   text[k++] = OptionsPrfx;
@@ -131,6 +133,7 @@ void OptionsNameText(const OptionSpec *spec, const char *name, uint64_t length, 
   for (const char *p = spec && spec->prefix ? spec->prefix : ""; *p && k < 127; ++p) text[k++] = *p;
   for (uint64_t i = 0; name && i < length && name[i] && k < 127; ++i) text[k++] = name[i];
   text[k] = 0;
+  return 0;
 }
 
 uint32_t OptionsReportSpec(uint32_t code, const char *declaration) {
