@@ -60,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                            {nullptr, &seed, nullptr, nullptr, "[ seed <> Size ]"},
                            {&n[0], &fmt, nullptr, nullptr, "[ fmt   <> String ]"},
                            {&n[1], &cap, nullptr, nullptr, "[ cap=  <> String ]"},
-                           {&n[2], reals, nullptr, nullptr, "[ r= 1:8 Real +<(0,100) ]"},
+                           {&n[2], reals, nullptr, nullptr, "[ r= 1:8 Real + < 0:100 ]"},
                            {nullptr, nullptr, nullptr, nullptr, nullptr}};
   Parse(program, args);
 #endif

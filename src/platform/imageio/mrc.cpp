@@ -252,7 +252,10 @@ uint32_t WriteHeader(ImageioHandle *h, bool final) {
       PutNoStats(hd, big);
     } else {
       if (uint32_t st = ImageioFinalStats(h, &s)) return st;
-      if (ImageioStatsResult(s, &dmin, &dmax, &dmean, &rms))
+      // Unsigned bytes above 127 read differently by readers that ignore IMOD's flag: no statistics
+      // rather than statistics that are wrong for some readers.
+      bool ambiguous = h->type == TypeUint8 && s.n > 0 && s.max > 127;
+      if (!ambiguous && ImageioStatsResult(s, &dmin, &dmax, &dmean, &rms))
         PutStats(hd, dmin, dmax, dmean, rms, big);
       else
         PutNoStats(hd, big);
