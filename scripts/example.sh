@@ -8,8 +8,11 @@ cmake --build build -j"$(nproc)" --target zvcompute >/dev/null
 zv=build/zvcompute
 out=$(mktemp -d)
 run() { echo "+ zvcompute $*"; "$zv" "$@"; }
+# Debian's interpreter has the numpy and mrcfile packages that deps.sh installs.
+py=python3
+[ -x /usr/bin/python3 ] && py=/usr/bin/python3
 summary() {  # element type, shape and value range of a .npy or .mrc file
-  python3 - "$1" <<'PY'
+  "$py" - "$1" <<'PY'
 import sys, numpy as np
 p = sys.argv[1]
 if p.endswith('.npy'):
