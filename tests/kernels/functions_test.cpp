@@ -1,128 +1,169 @@
-// Elementary real functions: every accepted source type against the C library evaluated element by
-// element, edge values, in-place use and the refusals.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <vector>
-
-#include "function_samples.h"
-
-using namespace samples;
+// Elementary real functions and complex parts: every source type against the C library and the sign,
+// zero and NaN rules element by element, in place, the listed edge values and the refusals.
+#include "kernel_check.h"
 
 namespace {
 
-using LibFn = float (*)(float);
+// References go through pointers, so that each one is a real call of the C library function.
+float (*volatile const lib_sqrt)(float) = sqrtf;
+float (*volatile const lib_hypot)(float, float) = hypotf;
+float (*volatile const lib_atan2)(float, float) = atan2f;
+float (*volatile const lib_sin)(float) = sinf;
 
-struct FunctionCase {
-  const char *name;
-  Kernel kernel;
-  LibFn lib;
-};
+float Sqrt(float x) { return lib_sqrt(x); }
+const std::pair<Kernel, float (*)(float)> kFunctions[] = {
+    {ComputeSqrt, Sqrt}, {ComputeExp, expf}, {ComputeLn, logf},     {ComputeCos, cosf},   {ComputeSin, sinf},
+    {ComputeTan, tanf},  {ComputeAsin, asinf}, {ComputeAcos, acosf}, {ComputeAtan, atanf}};
 
-// The reference calls go through a pointer, so each one is a real call of the C library function.
-float LibSqrt(float x) {
-  static float (*volatile f)(float) = sqrtf;
-  return f(x);
+const float kPi = 3.14159274f, kHalfPi = 1.57079637f;
+
+// Kernels 0-8 are the elementary functions, 9-13 give real32 (re, im, phase, abs, abs2) and 14-15
+// cmplx32 (phfac, mufac).
+const Kernel kParts[] = {ComputeRe, ComputeIm, ComputePhase, ComputeAbs, ComputeAbs2, ComputePhfac, ComputeMufac};
+
+float Sgn(float v) { return v < 0 || std::isnan(v) ? -1.0f : v == 0 ? 0.0f : 1.0f; }
+float SignedRoot(float v) { return v >= 0 ? lib_sqrt(v) : std::isnan(v) ? v : -lib_sqrt(-v); }
+
+// The complex-part rules by kind of source: 'r' integer or real x, 'i' imaginary y, 'c' complex (a, b).
+Cmplx32 PartsRule(int k, char kind, Cmplx32 p) {
+  const float a = p.re, b = p.im, x = kind == 'i' ? b : a;
+  if (kind == 'c') {
+    const float m = lib_hypot(a, b), s = lib_sqrt(m);
+    const Cmplx32 by[] = {{a, 0}, {b, 0}, {lib_atan2(b, a), 0}, {m, 0}, {a * a + b * b, 0},
+                          m != 0 && !std::isnan(m) ? Cmplx32{a / m, b / m} : Cmplx32{0, 0},
+                          s != 0 && !std::isnan(s) ? Cmplx32{a / s, b / s} : Cmplx32{0, 0}};
+    return by[k];
+  }
+  const bool imag = kind == 'i';
+  const float phase = 0 <= x ? (imag ? kHalfPi : 0.0f) : (imag ? -kHalfPi : kPi);
+  const float part[] = {imag ? 0.0f : x, imag ? x : 0.0f, phase, FromBits(Bits(x) & 0x7fffffffu), x * x};
+  if (k < 5) return {part[k], 0};
+  const float v = k == 5 ? Sgn(x) : SignedRoot(x);
+  return imag ? Cmplx32{0, v} : Cmplx32{v, 0};
 }
 
-const FunctionCase kFunctions[] = {
-    {"sqrt", ComputeSqrt, LibSqrt}, {"exp", ComputeExp, expf},    {"ln", ComputeLn, logf},
-    {"cos", ComputeCos, cosf},      {"sin", ComputeSin, sinf},    {"tan", ComputeTan, tanf},
-    {"asin", ComputeAsin, asinf},   {"acos", ComputeAcos, acosf}, {"atan", ComputeAtan, atanf},
-};
-
-template <class T> std::vector<float> Apply(Kernel kernel, const std::vector<T> &src, ElementType type) {
-  std::vector<float> dst(src.size(), FromBits(0x7f8dead0));
-  EXPECT_EQ(kernel(0, src.data(), type, nullptr, 0, src.size(), dst.data(), TypeReal32), 0u);
-  return dst;
-}
-
-float Unary(Kernel kernel, float x) { return Apply(kernel, std::vector<float>{x}, TypeReal32)[0]; }
-
-TEST(Functions, EveryIntegerAndRealTypeMatchesLibrary) {
-  for (const FunctionCase &fc : kFunctions) {
-    ForEachType([&](auto tag, ElementType type) {
-      using T = decltype(tag);
-      if constexpr (kIsRealOrInt<T>) {
-        const std::vector<T> src = Block<T>();
-        const std::vector<float> dst = Apply(fc.kernel, src, type);
-        for (size_t k = 0; k < src.size(); ++k)
-          EXPECT_TRUE(SameFloat(dst[k], fc.lib(static_cast<float>(src[k]))))
-              << fc.name << " of " << TypeIdent(type) << " element " << k;
+// Every source type, in place when it is the destination's type; the elementary functions refuse
+// imaginary and complex sources without writing.
+TEST(Functions, EverySourceTypeFollowsTheRules) {
+  for (int k = 0; k < 16; ++k)
+    for (ElementType t : kAllTypes) {
+      const Kernel kernel = k < 9 ? kFunctions[k].first : kParts[k - 9];
+      const ElementType dt = k < 14 ? TypeReal32 : TypeCmplx32;
+      const uint64_t n = IsCmplxType(t) ? 56 * 56 : 67;  // complex: every pair of parts
+      const Buf orig = Sample(t, n);
+      Buf src = orig, dst(dt, n);
+      const bool in_place = t == dt;
+      const uint32_t status = kernel(0, src.data(), t, nullptr, 0, n, in_place ? src.data() : dst.data(), dt);
+      if (k < 9 && !IsRealOrIntegerType(t)) {
+        EXPECT_TRUE(Refused(status, t));
+        EXPECT_EQ(dst.bytes, Buf(dt, n).bytes);
+        continue;
       }
-    });
-  }
+      ASSERT_EQ(status, 0u);
+      const char kind = IsCmplxType(t) ? 'c' : IsImagType(t) ? 'i' : 'r';
+      for (uint64_t i = 0; i < n; ++i) {
+        const Cmplx32 want =
+            k < 9 ? Cmplx32{kFunctions[k].second(Real32(orig, i)), 0} : PartsRule(k - 9, kind, Pair32(orig, i));
+        const Cmplx32 got = At(in_place ? src : dst, i);
+        ASSERT_TRUE(Same(got.re, want.re) && Same(got.im, want.im)) << k << " " << TypeIdent(t) << " " << i;
+      }
+    }
 }
 
-TEST(Functions, InPlaceReplacesEachElement) {
-  for (const FunctionCase &fc : kFunctions) {
-    const std::vector<float> orig = Block<float>();
-    std::vector<float> buf = orig;
-    ASSERT_EQ(fc.kernel(0, buf.data(), TypeReal32, nullptr, 0, buf.size(), buf.data(), TypeReal32), 0u);
-    for (size_t k = 0; k < buf.size(); ++k)
-      EXPECT_TRUE(SameFloat(buf[k], fc.lib(orig[k]))) << fc.name << " element " << k;
-  }
+TEST(Functions, AddImagEveryTypePair) {
+  for (ElementType t1 : kAllTypes)
+    for (ElementType t2 : kAllTypes) {
+      if (!IsRealOrIntegerType(t1) || !IsRealOrIntegerType(t2)) continue;
+      const Buf a = Sample(t1, 67), b = Sample(t2, 68);
+      for (uint32_t arr : {0u, 1u}) {
+        Buf dst(TypeCmplx32, 67);
+        const void *im = &b.bytes[arr ? 0 : 8 * TypeSize(t2)];  // a number: element 8
+        ASSERT_EQ(ComputeAddImag(arr, a.data(), t1, im, t2, 67, dst.data(), TypeCmplx32), 0u);
+        for (uint64_t i = 0; i < 67; ++i) {
+          const Cmplx32 got = dst.get<Cmplx32>(i);
+          ASSERT_TRUE(Same(got.re, Real32(a, i)) && Same(got.im, Real32(b, arr ? i : 8))) << TypeIdent(t1) << " " << i;
+        }
+      }
+    }
 }
 
 TEST(Functions, EdgeValues) {
-  EXPECT_EQ(Bits(Unary(ComputeSqrt, -0.0f)), 0x80000000u);
-  EXPECT_TRUE(std::isnan(Unary(ComputeSqrt, -4.0f)));
-  EXPECT_EQ(Unary(ComputeSqrt, 16.0f), 4.0f);
-  EXPECT_EQ(Unary(ComputeLn, 0.0f), -INFINITY);
-  EXPECT_EQ(Unary(ComputeLn, -0.0f), -INFINITY);
-  EXPECT_TRUE(std::isnan(Unary(ComputeLn, -1.0f)));
-  EXPECT_EQ(Unary(ComputeExp, 89.0f), INFINITY);
-  EXPECT_EQ(Unary(ComputeExp, -INFINITY), 0.0f);
-  EXPECT_TRUE(std::isnan(Unary(ComputeAsin, 1.5f)));
-  EXPECT_TRUE(std::isnan(Unary(ComputeAcos, -1.0001f)));
-  EXPECT_EQ(Unary(ComputeAcos, 1.0f), 0.0f);
-  EXPECT_TRUE(std::isnan(Unary(ComputeCos, INFINITY)));
+  const ElementType R = TypeReal32, C = TypeCmplx32, I = TypeImag32;
+  CheckCases({
+      {ComputeSqrt, 0, R, {-4}, 0, {}, R, {NAN}},
+      {ComputeSqrt, 0, R, {-0.0}, 0, {}, R, {-0.0}},
+      {ComputeLn, 0, R, {0}, 0, {}, R, {-INFINITY}},
+      {ComputeLn, 0, TypeInt8, {-1}, 0, {}, R, {NAN}},
+      {ComputeAsin, 0, R, {1.5}, 0, {}, R, {NAN}},
+      {ComputeAcos, 0, R, {-1.0001}, 0, {}, R, {NAN}},
+      {ComputeExp, 0, R, {89}, 0, {}, R, {INFINITY}},
+      // Narrowed to binary32 first: 2^24 + 1 enters as 2^24, 2^64 - 1 as 2^64, 1e300 as infinity.
+      {ComputeSin, 0, TypeInt32, {16777217}, 0, {}, R, {lib_sin(16777216.0f)}},
+      {ComputeSqrt, 0, TypeUint64, {18446744073709551615.0L}, 0, {}, R, {4294967296.0}},
+      {ComputeAtan, 0, TypeReal64, {1e300}, 0, {}, R, {kHalfPi}},
+      {ComputePhase, 0, TypeInt16, {-5}, 0, {}, R, {kPi}},
+      {ComputePhase, 0, R, {-0.0}, 0, {}, R, {0}},
+      {ComputePhase, 0, R, {NAN}, 0, {}, R, {kPi}},
+      {ComputePhase, 0, TypeUint8, {200}, 0, {}, R, {0}},
+      {ComputePhase, 0, I, {0, 0}, 0, {}, R, {kHalfPi}},
+      {ComputePhase, 0, I, {0, -2}, 0, {}, R, {-kHalfPi}},
+      {ComputePhase, 0, C, {-1, 0}, 0, {}, R, {kPi}},
+      {ComputePhase, 0, C, {-1, -0.0}, 0, {}, R, {-kPi}},
+      {ComputePhase, 0, C, {0, 0}, 0, {}, R, {0}},
+      {ComputeAbs, 0, TypeInt8, {-128}, 0, {}, R, {128}},
+      {ComputeAbs, 0, R, {-0.0}, 0, {}, R, {0}},
+      {ComputeAbs, 0, C, {3, 4}, 0, {}, R, {5}},
+      {ComputeAbs, 0, TypeCmplx64, {1e300, 1}, 0, {}, R, {INFINITY}},
+      {ComputeAbs2, 0, C, {3, 4}, 0, {}, R, {25}},
+      {ComputeAbs2, 0, R, {2e19}, 0, {}, R, {INFINITY}},
+      {ComputeAbs2, 0, TypeCmplx64, {1e20, 0}, 0, {}, R, {INFINITY}},
+      {ComputeRe, 0, I, {0, 7}, 0, {}, R, {0}},
+      {ComputeIm, 0, I, {0, 7}, 0, {}, R, {7}},
+      {ComputeIm, 0, TypeInt8, {-1}, 0, {}, R, {0}},
+      {ComputePhfac, 0, C, {3, 4}, 0, {}, C, {0.6f, 0.8f}},
+      {ComputePhfac, 0, C, {0, 0}, 0, {}, C, {0, 0}},
+      {ComputePhfac, 0, C, {NAN, 1}, 0, {}, C, {0, 0}},
+      {ComputePhfac, 0, R, {-7}, 0, {}, C, {-1, 0}},
+      {ComputePhfac, 0, TypeUint16, {9}, 0, {}, C, {1, 0}},
+      {ComputeMufac, 0, C, {3, 4}, 0, {}, C, {3 / sqrtf(5), 4 / sqrtf(5)}},
+      {ComputeMufac, 0, R, {-9}, 0, {}, C, {-3, 0}},
+      {ComputeMufac, 0, I, {0, 16}, 0, {}, C, {0, 4}},
+      {ComputeMufac, 0, C, {0, 0}, 0, {}, C, {0, 0}},
+      {ComputeAddImag, 1, TypeInt16, {3}, R, {4}, C, {3, 4}},
+  });
 }
 
-TEST(Functions, SourcesNarrowedToBinary32First) {
-  // real64 1e300 enters as +inf: atan gives pi/2 rounded to binary32.
-  EXPECT_EQ(Bits(Apply(ComputeAtan, std::vector<double>{1e300}, TypeReal64)[0]), 0x3FC90FDBu);
-  EXPECT_EQ(Bits(Apply(ComputeAtan, std::vector<double>{-1e300}, TypeReal64)[0]), 0xBFC90FDBu);
-  // exp(1e-300) is computed from 0, not from a tiny double.
-  EXPECT_EQ(Apply(ComputeExp, std::vector<double>{1e-300}, TypeReal64)[0], 1.0f);
-  // int32 2^24 + 1 enters as 2^24; sin tells neighbouring inputs apart.
-  LibFn volatile sin_lib = sinf;
-  const float s = Apply(ComputeSin, std::vector<int32_t>{16777217}, TypeInt32)[0];
-  EXPECT_EQ(Bits(s), Bits(sin_lib(16777216.0f)));
-  EXPECT_NE(Bits(s), Bits(sin_lib(16777218.0f)));
-  // uint64 2^64 - 1 enters as 2^64 (positive), whose root is 2^32.
-  EXPECT_EQ(Apply(ComputeSqrt, std::vector<uint64_t>{UINT64_MAX}, TypeUint64)[0], 4294967296.0f);
-  EXPECT_TRUE(std::isnan(Apply(ComputeSqrt, std::vector<int64_t>{-1}, TypeInt64)[0]));
-  // int8 and uint16 limits are exact.
-  EXPECT_EQ(Apply(ComputeSqrt, std::vector<uint16_t>{65535}, TypeUint16)[0], sqrtf(65535.0f));
-  EXPECT_TRUE(std::isnan(Apply(ComputeLn, std::vector<int8_t>{-128}, TypeInt8)[0]));
-}
-
-TEST(Functions, RefusedTypesWriteNothing) {
-  const float sentinel = FromBits(0x7f8dead0);
-  std::vector<unsigned char> src(64, 0);
-  for (const FunctionCase &fc : kFunctions) {
-    for (ElementType bad : {TypeImag32, TypeImag64, TypeCmplx32, TypeCmplx64, 0x501010u}) {
-      std::vector<float> dst(4, sentinel);
-      EXPECT_TRUE(RefusedNaming(fc.kernel(0, src.data(), bad, nullptr, 0, 4, dst.data(), TypeReal32), bad))
-          << fc.name << " source " << std::hex << bad;
-      for (float v : dst) EXPECT_EQ(Bits(v), Bits(sentinel));
-    }
-    // The destination is checked first: a refused destination is named even for a refused source.
-    for (ElementType bad : {TypeReal64, TypeImag32, TypeCmplx32, TypeInt32, 0u}) {
-      std::vector<float> dst(4, sentinel);
-      EXPECT_TRUE(RefusedNaming(fc.kernel(0, src.data(), TypeCmplx32, nullptr, 0, 2, dst.data(), bad), bad))
-          << fc.name << " destination " << std::hex << bad;
-      for (float v : dst) EXPECT_EQ(Bits(v), Bits(sentinel));
-    }
+TEST(Functions, RefusalsAndEmptyBlocks) {
+  std::vector<Refusal> cases;
+  for (const auto &f : kFunctions) {
+    cases.push_back({f.first, 0x501010, 0, TypeReal32, 0x501010});
+    // The destination is checked first.
+    for (ElementType bad : {TypeReal64, TypeImag32, TypeInt32}) cases.push_back({f.first, TypeCmplx32, 0, bad, bad});
   }
-}
-
-TEST(Functions, EmptyBlock) {
-  for (const FunctionCase &fc : kFunctions) {
-    EXPECT_EQ(fc.kernel(0, nullptr, TypeReal64, nullptr, 0, 0, nullptr, TypeReal32), 0u) << fc.name;
-    EXPECT_EQ(ExceptionCount(), 0u);
+  for (int k = 0; k < 7; ++k) {
+    cases.push_back({kParts[k], TypeReal32, 0, k < 5 ? TypeCmplx32 : TypeReal32, k < 5 ? TypeCmplx32 : TypeReal32});
+    cases.push_back({kParts[k], TypeReal32, 0, TypeReal64, TypeReal64});
+    cases.push_back({kParts[k], 0x501010, 0, k < 5 ? TypeReal32 : TypeCmplx32, 0x501010});
   }
+  // "+i": an imaginary or complex operand on either side (the other one's part may be written).
+  for (ElementType bad : {TypeImag32, TypeCmplx64}) {
+    cases.push_back({ComputeAddImag, bad, TypeReal32, TypeCmplx32, bad, false});
+    cases.push_back({ComputeAddImag, TypeInt8, bad, TypeCmplx32, bad, false});
+  }
+  cases.push_back({ComputeAddImag, TypeReal32, TypeReal32, TypeReal32, TypeReal32});
+  CheckRefusals(cases);
+  // Both refused: both errors are pushed and the second one's status is returned.
+  const float x[4] = {};
+  Cmplx32 out[2];
+  EXPECT_EQ(ComputeAddImag(0, x, TypeCmplx64, x, TypeImag32, 2, out, TypeCmplx32), E_MSG);
+  ASSERT_EQ(ExceptionCount(), 2u);
+  EXPECT_EQ(std::string(ExceptionText(1)), "invalid data type for operation (imag32)");
+  ExceptionClear();
+  // Empty blocks: nothing read or written.
+  for (const auto &f : kFunctions) EXPECT_EQ(f.first(0, nullptr, TypeReal64, nullptr, 0, 0, nullptr, TypeReal32), 0u);
+  for (int k = 0; k < 7; ++k)
+    EXPECT_EQ(kParts[k](0, nullptr, TypeCmplx64, nullptr, 0, 0, nullptr, k < 5 ? TypeReal32 : TypeCmplx32), 0u);
+  EXPECT_EQ(ComputeAddImag(0, nullptr, TypeInt8, nullptr, TypeReal32, 0, nullptr, TypeCmplx32), 0u);
 }
 
 }  // namespace

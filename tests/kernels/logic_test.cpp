@@ -1,171 +1,81 @@
-// Bitwise logic kernels on the eight integer types: complement, the three binary operations with an
-// image or a number, odd lengths and unaligned buffers, and the order of the type refusals.
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "compute/compute.h"
-#include "platform/core/errors.h"
+// Bitwise logic on the eight integer types: every width, lengths around the 16-byte steps, unaligned
+// buffers, an image or a number as second operand, in place, and the order of the refusals.
+#include "kernel_check.h"
 
 namespace {
 
-// Values with varied bit patterns in every byte of the element.
-template <class T> std::vector<T> Pattern(size_t n, uint64_t salt) {
-  std::vector<T> v(n);
-  uint64_t x = 0x9e3779b97f4a7c15ull ^ salt;
-  for (size_t i = 0; i < n; ++i) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    v[i] = static_cast<T>(x);
-  }
-  if (n > 2) {
-    v[0] = 0;
-    v[1] = static_cast<T>(~T{0});
-  }
+const ElementType kIntegers[] = {TypeUint8, TypeUint16, TypeUint32, TypeUint64,
+                                 TypeInt8,  TypeInt16,  TypeInt32,  TypeInt64};
+
+// Bytes with varied patterns; an all-zero and an all-ones element first.
+std::vector<unsigned char> Pattern(size_t bytes, uint64_t seed) {
+  std::vector<unsigned char> v(bytes);
+  for (size_t i = 0; i < bytes; ++i) v[i] = i < 8 ? 0 : i < 16 ? 0xff : static_cast<uint8_t>((i * 167 + seed) >> 2);
   return v;
 }
 
-template <class T> struct TypeOf;
-template <> struct TypeOf<uint8_t> { static constexpr ElementType value = TypeUint8; };
-template <> struct TypeOf<uint16_t> { static constexpr ElementType value = TypeUint16; };
-template <> struct TypeOf<uint32_t> { static constexpr ElementType value = TypeUint32; };
-template <> struct TypeOf<uint64_t> { static constexpr ElementType value = TypeUint64; };
-template <> struct TypeOf<int8_t> { static constexpr ElementType value = TypeInt8; };
-template <> struct TypeOf<int16_t> { static constexpr ElementType value = TypeInt16; };
-template <> struct TypeOf<int32_t> { static constexpr ElementType value = TypeInt32; };
-template <> struct TypeOf<int64_t> { static constexpr ElementType value = TypeInt64; };
-
-template <class T> class LogicTyped : public testing::Test {};
-using IntegerTypes = testing::Types<uint8_t, uint16_t, uint32_t, uint64_t, int8_t, int16_t, int32_t, int64_t>;
-TYPED_TEST_SUITE(LogicTyped, IntegerTypes);
-
-// Lengths around the 16-byte steps, for every element width.
-const size_t kLengths[] = {0, 1, 3, 7, 15, 16, 17, 33, 100, 131};
-
-TYPED_TEST(LogicTyped, NotComplementsEveryElement) {
-  using T = TypeParam;
-  const ElementType t = TypeOf<T>::value;
-  for (size_t n : kLengths) {
-    const std::vector<T> src = Pattern<T>(n + 1, n);
-    // Source and destination one element past an aligned start.
-    std::vector<T> dst(n + 1, T{42});
-    ASSERT_EQ(ComputeNot(0, src.data() + 1, t, nullptr, 0, n, dst.data() + 1, t), 0u);
-    EXPECT_EQ(dst[0], T{42});
-    for (size_t i = 0; i < n; ++i) EXPECT_EQ(dst[i + 1], static_cast<T>(~src[i + 1])) << i;
-    // In place, twice, gives the original back.
-    std::vector<T> buf = src;
-    ASSERT_EQ(ComputeNot(0, buf.data(), t, nullptr, 0, n + 1, buf.data(), t), 0u);
-    ASSERT_EQ(ComputeNot(0, buf.data(), t, nullptr, 0, n + 1, buf.data(), t), 0u);
-    EXPECT_EQ(buf, src);
-  }
+// The operations act on the stored bits, so the reference works byte by byte; a number repeats the
+// bytes of its one element.
+TEST(Logic, EveryWidthLengthAndForm) {
+  const Kernel kernels[] = {ComputeNot, ComputeAnd, ComputeOr, ComputeXor};
+  for (ElementType t : kIntegers)
+    for (size_t n : {0, 1, 3, 7, 15, 16, 17, 33, 131})
+      for (int op = 0; op < 4; ++op)
+        for (uint32_t image : {0u, 1u}) {
+          const size_t s = TypeSize(t), bytes = n * s;
+          const std::vector<unsigned char> a = Pattern(bytes + s, n), b = Pattern(bytes + s, 1000 + n + op);
+          const unsigned char *second = image ? b.data() : b.data() + bytes;  // a number: the last element
+          // Source one element past the start; destination aligned, then in place.
+          for (bool in_place : {false, true}) {
+            std::vector<unsigned char> dst = in_place ? a : std::vector<unsigned char>(bytes + s, 0x42);
+            unsigned char *out = in_place ? dst.data() + s : dst.data();
+            const unsigned char *first = in_place ? out : a.data() + s;
+            ASSERT_EQ(kernels[op](image, first, t, op ? second : nullptr, op ? t : 0, n, out, t), 0u);
+            for (size_t i = 0; i < bytes; ++i) {
+              const unsigned char x = a[s + i], y = second[image ? i : i % s];
+              const unsigned char want = op == 0 ? ~x : op == 1 ? x & y : op == 2 ? x | y : x ^ y;
+              ASSERT_EQ(out[i], want) << TypeIdent(t) << " op " << op << " n " << n << " byte " << i;
+            }
+            if (!in_place) {
+              EXPECT_EQ(dst[bytes], 0x42);
+            }
+          }
+        }
 }
 
-template <class T, class F> void CheckBinary(Kernel k, F model) {
-  const ElementType t = TypeOf<T>::value;
-  for (size_t n : kLengths) {
-    const std::vector<T> a = Pattern<T>(n + 1, 1000 + n), b = Pattern<T>(n + 1, 2000 + n);
-    std::vector<T> dst(n + 2, T{42});
-    ASSERT_EQ(k(1, a.data() + 1, t, b.data(), t, n, dst.data(), t), 0u);
-    for (size_t i = 0; i < n; ++i) ASSERT_EQ(dst[i], model(a[i + 1], b[i])) << "image, n " << n << " i " << i;
-    EXPECT_EQ(dst[n], T{42});
-    for (T s : {b[n], T{0}, static_cast<T>(~T{0})}) {
-      std::vector<T> in_place(a.begin() + 1, a.end());
-      ASSERT_EQ(k(0, in_place.data(), t, &s, t, n, in_place.data(), t), 0u);
-      for (size_t i = 0; i < n; ++i) ASSERT_EQ(in_place[i], model(a[i + 1], s)) << "number, n " << n << " i " << i;
-    }
-  }
-}
-
-TYPED_TEST(LogicTyped, AndOrXorMatchElementwise) {
-  using T = TypeParam;
-  CheckBinary<T>(ComputeAnd, [](T x, T y) { return static_cast<T>(x & y); });
-  CheckBinary<T>(ComputeOr, [](T x, T y) { return static_cast<T>(x | y); });
-  CheckBinary<T>(ComputeXor, [](T x, T y) { return static_cast<T>(x ^ y); });
-}
-
-TYPED_TEST(LogicTyped, XorWithItselfAndIdentities) {
-  using T = TypeParam;
-  const ElementType t = TypeOf<T>::value;
-  std::vector<T> a = Pattern<T>(57, 7);
-  const std::vector<T> orig = a;
-  const T zero = 0;
-  std::vector<T> out(a.size());
-  ASSERT_EQ(ComputeOr(0, a.data(), t, &zero, t, a.size(), out.data(), t), 0u);
-  EXPECT_EQ(out, orig);
-  ASSERT_EQ(ComputeAnd(0, a.data(), t, &zero, t, a.size(), out.data(), t), 0u);
-  EXPECT_EQ(out, std::vector<T>(a.size(), 0));
-  // One buffer as both operands and the destination.
-  ASSERT_EQ(ComputeXor(1, a.data(), t, a.data(), t, a.size(), a.data(), t), 0u);
-  EXPECT_EQ(a, std::vector<T>(a.size(), 0));
-}
-
-TEST(Logic, NotOfNamedValues) {
-  uint8_t u8 = 0;
-  int8_t i8 = 0;
-  int32_t i32 = 5;
-  uint64_t u64 = 0;
-  ASSERT_EQ(ComputeNot(0, &u8, TypeUint8, nullptr, 0, 1, &u8, TypeUint8), 0u);
-  ASSERT_EQ(ComputeNot(0, &i8, TypeInt8, nullptr, 0, 1, &i8, TypeInt8), 0u);
-  ASSERT_EQ(ComputeNot(0, &i32, TypeInt32, nullptr, 0, 1, &i32, TypeInt32), 0u);
-  ASSERT_EQ(ComputeNot(0, &u64, TypeUint64, nullptr, 0, 1, &u64, TypeUint64), 0u);
-  EXPECT_EQ(u8, 255);
-  EXPECT_EQ(i8, -1);
-  EXPECT_EQ(i32, -6);
-  EXPECT_EQ(u64, 18446744073709551615ull);
-}
-
-std::string TypeErrorText(ElementType t) {
-  return std::string("invalid data type for operation (") + TypeIdent(t) + ")";
-}
-
-void ExpectRefused(uint32_t status, ElementType named, const unsigned char *dst, size_t n) {
-  EXPECT_EQ(status, E_MSG);
-  ASSERT_EQ(ExceptionCount(), 1u);
-  EXPECT_EQ(std::string(ExceptionText(0)), TypeErrorText(named));
-  ExceptionClear();
-  for (size_t i = 0; i < n; ++i) EXPECT_EQ(dst[i], 0x5a) << i;
+TEST(Logic, EdgeValues) {
+  CheckCases({
+      {ComputeNot, 0, TypeUint8, {0}, 0, {}, TypeUint8, {255}},
+      {ComputeNot, 0, TypeInt8, {0}, 0, {}, TypeInt8, {-1}},
+      {ComputeNot, 0, TypeInt32, {5}, 0, {}, TypeInt32, {-6}},
+      {ComputeNot, 0, TypeUint64, {0}, 0, {}, TypeUint64, {18446744073709551615.0L}},
+      {ComputeAnd, 0, TypeInt16, {-1234}, TypeInt16, {0}, TypeInt16, {0}},
+      {ComputeOr, 0, TypeInt16, {-1234}, TypeInt16, {0}, TypeInt16, {-1234}},
+  });
+  // One buffer as both operands and the destination: xor with itself clears it.
+  std::vector<int64_t> v = {-1, 5, INT64_MIN, 7, 9};
+  ASSERT_EQ(ComputeXor(1, v.data(), TypeInt64, v.data(), TypeInt64, v.size(), v.data(), TypeInt64), 0u);
+  EXPECT_EQ(v, std::vector<int64_t>(5, 0));
 }
 
 TEST(Logic, RefusalsNameTheRightType) {
-  ExceptionClear();
-  const unsigned char src[32] = {1, 2, 3};
-  unsigned char dst[32];
-  struct Case {
-    ElementType t1, t2, dst, named;
-  } cases[] = {
-      {TypeInt16, TypeUint8, TypeInt16, TypeUint8},      // second operand's type first
-      {TypeInt16, TypeInt32, TypeReal32, TypeInt32},
-      {TypeInt16, TypeInt16, TypeUint16, TypeUint16},    // then the destination
-      {TypeReal32, TypeReal32, TypeReal32, TypeReal32},  // then the type itself
-      {TypeImag64, TypeImag64, TypeImag64, TypeImag64},
-      {TypeCmplx32, TypeCmplx32, TypeCmplx32, TypeCmplx32},
-      {TypeReal64, TypeInt8, TypeInt8, TypeInt8},
-      {0x7777u, 0x7777u, 0x7777u, 0x7777u},
+  std::vector<Refusal> cases = {
+      {ComputeNot, TypeInt16, 0, TypeInt32, TypeInt32},  // destination first
+      {ComputeNot, TypeReal32, 0, TypeReal32, TypeReal32},
+      {ComputeNot, TypeCmplx64, 0, TypeCmplx64, TypeCmplx64},
+      {ComputeNot, TypeImag32, 0, TypeImag32, TypeImag32},
   };
   for (Kernel k : {ComputeAnd, ComputeOr, ComputeXor})
-    for (const Case &c : cases)
-      for (uint32_t is_array : {0u, 1u}) {
-        std::memset(dst, 0x5a, sizeof dst);
-        ExpectRefused(k(is_array, src, c.t1, src, c.t2, 2, dst, c.dst), c.named, dst, sizeof dst);
-      }
-
-  struct NotCase {
-    ElementType t1, dst, named;
-  } not_cases[] = {
-      {TypeInt16, TypeInt32, TypeInt32},     // destination first
-      {TypeReal32, TypeInt32, TypeInt32},
-      {TypeReal32, TypeReal32, TypeReal32},  // then the type itself
-      {TypeCmplx64, TypeCmplx64, TypeCmplx64},
-      {TypeImag32, TypeImag32, TypeImag32},
-  };
-  for (const NotCase &c : not_cases) {
-    std::memset(dst, 0x5a, sizeof dst);
-    ExpectRefused(ComputeNot(0, src, c.t1, nullptr, 0, 2, dst, c.dst), c.named, dst, sizeof dst);
-  }
+    for (Refusal c : std::vector<Refusal>{
+             {k, TypeInt16, TypeUint8, TypeInt16, TypeUint8},  // second operand's type first
+             {k, TypeInt16, TypeInt32, TypeReal32, TypeInt32},
+             {k, TypeInt16, TypeInt16, TypeUint16, TypeUint16},  // then the destination
+             {k, TypeReal32, TypeReal32, TypeReal32, TypeReal32},  // then the type itself
+             {k, TypeImag64, TypeImag64, TypeImag64, TypeImag64},
+             {k, TypeCmplx32, TypeCmplx32, TypeCmplx32, TypeCmplx32},
+             {k, 0x7777, 0x7777, 0x7777, 0x7777}})
+      cases.push_back(c);
+  CheckRefusals(cases);
 }
 
 }  // namespace

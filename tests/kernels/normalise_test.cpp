@@ -1,163 +1,86 @@
-// Mean removal and RMS normalisation kernels: conversion of the first operand, the real and complex
-// scaling rules, untouched zero and empty blocks, and refused destination types.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <cstdint>
-#include <limits>
-#include <string>
-#include <vector>
-
-#include "compute/compute.h"
-#include "platform/core/errors.h"
+// Mean removal and RMS normalisation of one block: conversion of the first operand, division by the
+// RMS for real and imaginary blocks against multiplication by its reciprocal for complex ones, blocks
+// left as they are, and the refusals.
+#include "kernel_check.h"
+#include "platform/core/statistics.h"
 
 namespace {
 
-std::string TypeErrorText(ElementType t) {
-  return std::string("invalid data type for operation (") + TypeIdent(t) + ")";
+using Floats = std::vector<float>;
+
+Floats Normalised(Kernel k, const Buf &src, ElementType dt) {
+  Buf dst(dt, src.size());
+  EXPECT_EQ(k(0, src.data(), src.type, nullptr, 0, src.size(), dst.data(), dt), 0u);
+  Floats out(dst.bytes.size() / 4);
+  std::memcpy(out.data(), dst.data(), dst.bytes.size());
+  return out;
 }
 
-// Expects exactly one pending error with the type refusal of t, and clears it.
-void ExpectTypeError(uint32_t status, ElementType t) {
-  EXPECT_EQ(status, E_MSG);
-  ASSERT_EQ(ExceptionCount(), 1u);
-  EXPECT_EQ(std::string(ExceptionText(0)), TypeErrorText(t));
-  ExceptionClear();
+template <class T = float> Buf Of(ElementType t, const std::vector<T> &v) {
+  Buf b(t, v.size() * sizeof(T) / TypeSize(t));
+  std::memcpy(b.data(), v.data(), b.bytes.size());
+  return b;
 }
 
-TEST(ComputeZeromean, RealBlockNewAndInPlace) {
-  std::vector<float> src = {1, 2, 3, 6}, dst(4, 99.0f);
-  EXPECT_EQ(ComputeZeromean(0, src.data(), TypeReal32, nullptr, 0, 4, dst.data(), TypeReal32), 0u);
-  EXPECT_EQ(dst, (std::vector<float>{-2, -1, 0, 3}));
-  EXPECT_EQ(src, (std::vector<float>{1, 2, 3, 6}));
-  EXPECT_EQ(ComputeZeromean(0, src.data(), TypeReal32, nullptr, 0, 4, src.data(), TypeReal32), 0u);
-  EXPECT_EQ(src, (std::vector<float>{-2, -1, 0, 3}));
+TEST(Normalise, MeanRemoval) {
+  EXPECT_EQ(Normalised(ComputeZeromean, Of(TypeReal32, {1, 2, 3, 6}), TypeReal32), (Floats{-2, -1, 0, 3}));
+  EXPECT_EQ(Normalised(ComputeZeromean, Of<int16_t>(TypeInt16, {1, 2, 3, 6}), TypeReal32), (Floats{-2, -1, 0, 3}));
+  EXPECT_EQ(Normalised(ComputeZeromean, Of<double>(TypeImag64, {1, 2, 3, 6}), TypeImag32), (Floats{-2, -1, 0, 3}));
+  Floats c = {1, -1, 3, -3, 5, -8};
+  ASSERT_EQ(ComputeZeromean(0, c.data(), TypeCmplx32, nullptr, 0, 3, c.data(), TypeCmplx32), 0u);
+  EXPECT_EQ(c, (Floats{-2, 3, 0, 1, 2, -4}));
+  // The last block of a long image may hold one element: it becomes 0.
+  EXPECT_EQ(Normalised(ComputeZeromean, Of(TypeReal32, {123.5f}), TypeReal32), (Floats{0}));
 }
 
-TEST(ComputeZeromean, IntegerAndImaginarySources) {
-  std::vector<int16_t> ints = {1, 2, 3, 6};
-  std::vector<float> dst(4);
-  EXPECT_EQ(ComputeZeromean(0, ints.data(), TypeInt16, nullptr, 0, 4, dst.data(), TypeReal32), 0u);
-  EXPECT_EQ(dst, (std::vector<float>{-2, -1, 0, 3}));
-  // An imaginary image works on its coefficients; imag64 is narrowed into imag32 first.
-  std::vector<double> imag = {10, 20, 30, 60};
-  EXPECT_EQ(ComputeZeromean(0, imag.data(), TypeImag64, nullptr, 0, 4, dst.data(), TypeImag32), 0u);
-  EXPECT_EQ(dst, (std::vector<float>{-20, -10, 0, 30}));
-}
-
-TEST(ComputeZeromean, ComplexBlockAndLoneLastElement) {
-  std::vector<float> c = {1, -1, 3, -3, 5, -8};
-  EXPECT_EQ(ComputeZeromean(0, c.data(), TypeCmplx32, nullptr, 0, 3, c.data(), TypeCmplx32), 0u);
-  EXPECT_EQ(c, (std::vector<float>{-2, 3, 0, 1, 2, -4}));
-  // The remainder block of a long image may hold one element: it becomes 0.
-  float last = 123.5f;
-  EXPECT_EQ(ComputeZeromean(0, &last, TypeReal32, nullptr, 0, 1, &last, TypeReal32), 0u);
-  EXPECT_EQ(last, 0.0f);
-}
-
-TEST(ComputeRmsNorm, RealDividesByRms) {
-  std::vector<float> v = {3, -4};
-  EXPECT_EQ(ComputeRmsNorm(0, v.data(), TypeReal32, nullptr, 0, 2, v.data(), TypeReal32), 0u);
-  const float rms = std::sqrt(25.0f / 2.0f);
-  EXPECT_EQ(v[0], 3.0f / rms);
-  EXPECT_EQ(v[1], -4.0f / rms);
-}
-
-// Values for which dividing by the RMS and multiplying by its reciprocal differ in at least one
-// element, so that the two rules can be told apart.
-std::vector<float> Ramp(int n) {
-  std::vector<float> v;
-  for (int i = 1; i <= n; ++i) v.push_back(static_cast<float>(i) * 0.3f - 1.0f);
-  return v;
-}
-
-TEST(ComputeRmsNorm, RealAndComplexRulesDiffer) {
-  const int n = 41;  // more than two scaling chunks, with a remainder
-  std::vector<float> re = Ramp(n);
-  double sum = 0;
-  for (float x : re) sum += static_cast<double>(x) * x;
-  const float rms = std::sqrt(static_cast<float>(sum) / static_cast<float>(n));
-  const float f = 1.0f / rms;
+// A ramp for which dividing by the RMS and multiplying by its reciprocal differ in some elements,
+// the RMS taken from the imported sum of squares.
+TEST(Normalise, RealDividesComplexMultipliesByReciprocal) {
+  Floats ramp;
+  for (int i = 1; i <= 41; ++i) ramp.push_back(static_cast<float>(i) * 0.3f - 1.0f);
+  float s;
+  Sumabs2Real(ramp.size(), ramp.data(), &s);
+  const float rms = std::sqrt(s / 41.0f), f = 1.0f / rms;
   int differ = 0;
-  for (float x : re) differ += (x / rms != x * f);
+  for (float x : ramp) differ += x / rms != x * f;
   ASSERT_GT(differ, 0);
-
-  std::vector<float> real = re;
-  EXPECT_EQ(ComputeRmsNorm(0, real.data(), TypeReal32, nullptr, 0, n, real.data(), TypeReal32), 0u);
-  for (int i = 0; i < n; ++i) EXPECT_EQ(real[i], re[i] / rms) << i;
-
-  // The same values as the real parts of complex elements with zero imaginary parts: same RMS.
-  std::vector<float> cplx(2 * n, 0.0f);
-  for (int i = 0; i < n; ++i) cplx[2 * i] = re[i];
-  std::vector<float> out(2 * n, 7.0f);
-  EXPECT_EQ(ComputeRmsNorm(0, cplx.data(), TypeCmplx32, nullptr, 0, n, out.data(), TypeCmplx32), 0u);
-  for (int i = 0; i < n; ++i) {
-    EXPECT_EQ(out[2 * i], re[i] * f) << i;
-    EXPECT_EQ(out[2 * i + 1], 0.0f) << i;
+  for (ElementType t : {TypeReal32, TypeImag32}) {
+    const Floats got = Normalised(ComputeRmsNorm, Of(TypeReal32, ramp), t);
+    for (size_t i = 0; i < ramp.size(); ++i) EXPECT_EQ(got[i], ramp[i] / rms) << i;
   }
+  Floats cplx(82, 0.0f);
+  for (int i = 0; i < 41; ++i) cplx[2 * i] = ramp[i];
+  const Floats got = Normalised(ComputeRmsNorm, Of(TypeCmplx32, cplx), TypeCmplx32);
+  for (size_t i = 0; i < 82; ++i) EXPECT_EQ(got[i], cplx[i] * f) << i;
+  // Squared magnitudes: 25, 25, 5.
+  const float g = 1.0f / std::sqrt(55.0f / 3.0f);
+  EXPECT_EQ(Normalised(ComputeRmsNorm, Of(TypeCmplx32, {3, 4, 0, -5, 1, 2}), TypeCmplx32),
+            (Floats{3 * g, 4 * g, 0 * g, -5 * g, 1 * g, 2 * g}));
+  const float r = std::sqrt(25.0f / 2.0f);
+  EXPECT_EQ(Normalised(ComputeRmsNorm, Of<int16_t>(TypeInt16, {3, -4}), TypeReal32), (Floats{3 / r, -4 / r}));
 }
 
-TEST(ComputeRmsNorm, ComplexRmsUsesSquaredMagnitudes) {
-  std::vector<float> c = {3, 4, 0, -5, 1, 2};  // |z|^2 = 25, 25, 5
-  std::vector<float> expect = c;
-  const float f = 1.0f / std::sqrt(55.0f / 3.0f);
-  for (float &x : expect) x = x * f;
-  EXPECT_EQ(ComputeRmsNorm(0, c.data(), TypeCmplx32, nullptr, 0, 3, c.data(), TypeCmplx32), 0u);
-  EXPECT_EQ(c, expect);
+// All-zero, NaN and empty blocks stay as converted; a lone element becomes its sign.
+TEST(Normalise, BlocksLeftAsTheyAre) {
+  const Floats zeros = Normalised(ComputeRmsNorm, Of(TypeReal32, {0.0f, -0.0f}), TypeReal32);
+  EXPECT_TRUE(std::signbit(zeros[1]));
+  EXPECT_EQ(Normalised(ComputeRmsNorm, Of(TypeCmplx32, {0, 0, 0, 0}), TypeCmplx32), Floats(4, 0.0f));
+  const Floats nan = Normalised(ComputeRmsNorm, Of(TypeReal32, {1.0f, NAN, 2.0f}), TypeReal32);
+  EXPECT_EQ(nan[2], 2.0f);
+  float x = 4.0f;
+  EXPECT_EQ(ComputeRmsNorm(0, &x, TypeReal32, nullptr, 0, 0, &x, TypeReal32), 0u);
+  EXPECT_EQ(x, 4.0f);
+  EXPECT_EQ(Normalised(ComputeRmsNorm, Of(TypeReal32, {-5.5f}), TypeReal32), (Floats{-1}));
+  EXPECT_EQ(Normalised(ComputeRmsNorm, Of(TypeReal32, {1e-3f}), TypeReal32), (Floats{1}));
 }
 
-TEST(ComputeRmsNorm, ZeroEmptyAndSingleBlocks) {
-  std::vector<float> zeros = {0.0f, -0.0f, 0.0f};
-  EXPECT_EQ(ComputeRmsNorm(0, zeros.data(), TypeReal32, nullptr, 0, 3, zeros.data(), TypeReal32), 0u);
-  EXPECT_FALSE(std::signbit(zeros[0]));
-  EXPECT_TRUE(std::signbit(zeros[1]));  // left as it was, not divided
-  float dummy = 4.0f;
-  EXPECT_EQ(ComputeRmsNorm(0, &dummy, TypeReal32, nullptr, 0, 0, &dummy, TypeReal32), 0u);
-  EXPECT_EQ(dummy, 4.0f);
-  std::vector<float> cz(4, 0.0f);
-  EXPECT_EQ(ComputeRmsNorm(0, cz.data(), TypeCmplx32, nullptr, 0, 2, cz.data(), TypeCmplx32), 0u);
-  EXPECT_EQ(cz, std::vector<float>(4, 0.0f));
-  // A lone element becomes its sign.
-  float neg = -5.5f, pos = 1e-3f;
-  EXPECT_EQ(ComputeRmsNorm(0, &neg, TypeReal32, nullptr, 0, 1, &neg, TypeReal32), 0u);
-  EXPECT_EQ(ComputeRmsNorm(0, &pos, TypeReal32, nullptr, 0, 1, &pos, TypeReal32), 0u);
-  EXPECT_EQ(neg, -1.0f);
-  EXPECT_EQ(pos, 1.0f);
-}
-
-TEST(ComputeRmsNorm, NanBlockIsLeftAsConverted) {
-  std::vector<float> v = {1.0f, std::numeric_limits<float>::quiet_NaN(), 2.0f};
-  EXPECT_EQ(ComputeRmsNorm(0, v.data(), TypeReal32, nullptr, 0, 3, v.data(), TypeReal32), 0u);
-  EXPECT_EQ(v[0], 1.0f);
-  EXPECT_EQ(v[2], 2.0f);
-}
-
-TEST(ComputeRmsNorm, ConvertsIntegerSource) {
-  std::vector<uint8_t> src = {3, 4};
-  std::vector<float> dst(2);
-  EXPECT_EQ(ComputeRmsNorm(0, src.data(), TypeUint8, nullptr, 0, 2, dst.data(), TypeReal32), 0u);
-  const float rms = std::sqrt(25.0f / 2.0f);
-  EXPECT_EQ(dst, (std::vector<float>{3.0f / rms, 4.0f / rms}));
-}
-
-TEST(NormaliseKernels, RefuseOtherDestinationTypes) {
-  ExceptionClear();
-  std::vector<double> src = {1, 2, 3, 4};
-  std::vector<double> dst = {7, 7, 7, 7};
+TEST(Normalise, Refusals) {
   for (Kernel k : {ComputeZeromean, ComputeRmsNorm}) {
-    for (ElementType t : {TypeCmplx64, TypeReal64, TypeImag64, TypeInt32, TypeUint8, 0x123456u}) {
-      ExpectTypeError(k(0, src.data(), TypeCmplx64, nullptr, 0, 2, dst.data(), t), t);
-      EXPECT_EQ(dst, (std::vector<double>{7, 7, 7, 7}));
-    }
+    std::vector<Refusal> cases = {{k, 0x777, 0, TypeReal32, 0x777}};
+    for (ElementType t : {TypeCmplx64, TypeReal64, TypeImag64, TypeInt32, TypeUint8, 0x123456u})
+      cases.push_back({k, TypeCmplx64, 0, t, t});
+    CheckRefusals(cases);
   }
-}
-
-TEST(NormaliseKernels, FailedConversionIsPassedOn) {
-  ExceptionClear();
-  std::vector<float> src = {1, 2}, dst = {7, 7};
-  ExpectTypeError(ComputeZeromean(0, src.data(), 0x777u, nullptr, 0, 2, dst.data(), TypeReal32), 0x777u);
-  ExpectTypeError(ComputeRmsNorm(0, src.data(), 0x777u, nullptr, 0, 2, dst.data(), TypeReal32), 0x777u);
-  EXPECT_EQ(dst, (std::vector<float>{7, 7}));
 }
 
 }  // namespace

@@ -1,23 +1,21 @@
-// Helpers for option tests: an argument vector installed as the process arguments, environment
-// variables set for one test, and the error stack as texts.
+// Option tests: an argument vector installed as the process arguments, the error stack as texts, and
+// the per-test start (program name set, error table registered, no pending errors).
 #pragma once
-#include <cstdlib>
+#include <gtest/gtest.h>
+
 #include <deque>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "options/options.h"
-#include "platform/core/core.h"
-#include "platform/core/errors.h"
+
+using Strings = std::vector<std::string>;
 
 // Installs "zvcompute" followed by the given arguments as CoreArgv / CoreArgc.
 struct Args {
   std::deque<std::string> store;
   std::vector<char *> ptrs;
   int argc = 0;
-
-  Args(std::initializer_list<const char *> args) : Args(std::vector<const char *>(args)) {}
   explicit Args(const std::vector<const char *> &args) {
     store.emplace_back("zvcompute");
     for (const char *a : args) store.emplace_back(a);
@@ -27,41 +25,23 @@ struct Args {
     CoreArgv = ptrs.data();
     CoreArgc = &argc;
   }
-  ~Args() {
-    CoreArgv = nullptr;
-    CoreArgc = nullptr;
-  }
-  // The arguments after the program name as they are now.
-  std::vector<std::string> Left() const {
-    std::vector<std::string> v;
-    for (int i = 1; i < argc; ++i) v.emplace_back(CoreArgv[i] ? CoreArgv[i] : "(null)");
-    return v;
+  ~Args() { CoreArgv = nullptr, CoreArgc = nullptr; }
+  // The arguments after the program name as they are now; the vector must end with null.
+  Strings Left() const {
+    EXPECT_EQ(CoreArgv[argc], nullptr);
+    return Strings(CoreArgv + 1, CoreArgv + argc);
   }
 };
 
-// Sets (or, with a null value, unsets) a variable for the lifetime of the guard.
-struct EnvVar {
-  std::string name;
-  EnvVar(const char *n, const char *value) : name(n) {
-    if (value) setenv(n, value, 1);
-    else unsetenv(n);
-  }
-  ~EnvVar() { unsetenv(name.c_str()); }
-};
-
-inline std::vector<std::string> Errors() {
-  std::vector<std::string> v;
+inline Strings Errors() {
+  Strings v;
   for (uint32_t i = 0; i < ExceptionCount(); ++i) v.emplace_back(ExceptionText(i));
   return v;
 }
 
-// Every test starts with the program name set, the error table registered and no pending errors.
 inline void OptionsTestSetUp() {
-  static bool registered = false;
-  if (!registered) {
-    OptionsModuleInit();
-    registered = true;
-  }
+  static const bool registered = OptionsModuleInit() == 0;
+  EXPECT_TRUE(registered);
   Main = "zvcompute";
   ExceptionClear();
 }

@@ -1,742 +1,239 @@
-// Parsing option tables against the argument vector and the environment; usage line and error texts.
-#include <gtest/gtest.h>
-
-#include <cmath>
+// Parsing option tables against the argument vector and the environment: one table of scenarios, each
+// giving the declarations, the arguments and environment, and the status, error texts, remaining
+// arguments and stored values expected afterwards.
+#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "option_args.h"
-#include "options/options.h"
 
 namespace {
 
-using Strings = std::vector<std::string>;
-
-class Parse : public testing::Test {
- protected:
-  void SetUp() override { OptionsTestSetUp(); }
-
-  // The driver's table: "-h" and "-seed" with its initial value.
-  uint64_t h_count = 0;
-  uint64_t seed = 123;
-  OptionEntry program[3] = {
-      {&h_count, nullptr, nullptr, nullptr, "[ h ]"},
-      {nullptr, &seed, nullptr, nullptr, "[ seed <> Size ]"},
-      EndRow(),
-  };
-
-  // The image-file module's table.
-  uint64_t counts[4] = {};
-  const char *values[4] = {};
-  OptionEntry image[5] = {
-      {&counts[0], &values[0], nullptr, nullptr, "[ fmtin <> String ]"},
-      {&counts[1], &values[1], nullptr, nullptr, "[ capin <> String ]"},
-      {&counts[2], &values[2], nullptr, nullptr, "[ fmt   <> String ]"},
-      {&counts[3], &values[3], nullptr, nullptr, "[ cap   <> String ]"},
-      EndRow(),
-  };
-};
-
-TEST_F(Parse, RunReachingTheEndIsCutToTheMaximum) {
-  Args a{"-seed", "7", "a", "b"};
-  EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-  EXPECT_EQ(seed, 7u);
-  EXPECT_EQ(h_count, 0u);
-  EXPECT_EQ(a.Left(), (Strings{"a", "b"}));
-  EXPECT_EQ(CoreArgv[3], nullptr);
-}
-
-TEST_F(Parse, NothingIsTakenWhenTheFirstArgumentIsNoOption) {
-  Args a{"a", "b", "-seed", "7"};
-  EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-  EXPECT_EQ(seed, 123u);
-  EXPECT_EQ(a.Left(), (Strings{"a", "b", "-seed", "7"}));
-}
-
-TEST_F(Parse, OptionsInAnyOrderBeforeThePositionals) {
-  Args a{"-h", "-seed", "7", "a"};
-  EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-  EXPECT_EQ(h_count, 1u);
-  EXPECT_EQ(seed, 7u);
-  EXPECT_EQ(a.Left(), (Strings{"a"}));
-}
-
-TEST_F(Parse, RunEndsWhereAnEarlierOptionStood) {
-  // -h goes first (table order) and leaves an empty string, which ends the run 7 a.
-  Args a{"-seed", "7", "a", "-h"};
-  EXPECT_EQ(OptionsParse(program, nullptr), E_OPTIONS_NUM);
-  EXPECT_EQ(Errors(), (Strings{"invalid number of option values -seed"}));
-  EXPECT_EQ(h_count, 1u);
-  EXPECT_EQ(seed, 123u);
-  EXPECT_EQ(a.Left(), (Strings{"7", "a"}));
-}
-
-TEST_F(Parse, SearchStopsAtAPositionalInFront) {
-  Args a{"-h", "a", "-seed", "5"};
-  EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-  EXPECT_EQ(h_count, 1u);
-  EXPECT_EQ(seed, 123u);
-  EXPECT_EQ(a.Left(), (Strings{"a", "-seed", "5"}));
-}
-
-TEST_F(Parse, OptionWithoutValues) {
-  {
-    Args a{"-seed"};
-    EXPECT_EQ(OptionsParse(program, nullptr), E_OPTIONS_NUM);
-    EXPECT_EQ(Errors(), (Strings{"invalid number of option values -seed"}));
-    EXPECT_EQ(a.Left(), Strings{});
-  }
-  ExceptionClear();
-  {
-    Args a{"-seed", "-h"};
-    EXPECT_EQ(OptionsParse(program, nullptr), E_OPTIONS_NUM);
-    EXPECT_EQ(Errors(), (Strings{"invalid number of option values -seed"}));
-  }
-}
-
-TEST_F(Parse, NegativeNumbersAreValues) {
-  {
-    // The unsigned parser refuses -5 as out of range; the error names the option.
-    Args a{"-seed", "-5", "x"};
-    EXPECT_EQ(OptionsParse(program, nullptr), E_PARSE_RANGE);
-    ASSERT_EQ(ExceptionCount(), 1u);
-    EXPECT_NE(std::string(ExceptionText(0)).find(" -seed"), std::string::npos);
-    EXPECT_EQ(seed, 123u);
-  }
-  ExceptionClear();
-  {
-    int64_t v[2] = {};
-    OptionEntry t[] = {{nullptr, v, nullptr, nullptr, "[ v 2 Index ]"}, EndRow()};
-    Args a{"-v", "-5", "-", "f"};
-    // "-" is a value too, but not a number: the run -5 - parses one value, too few.
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_NUM);
-    ExceptionClear();
-    Args b{"-v", "-5", "-0", "f"};
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(v[0], -5);
-    EXPECT_EQ(v[1], 0);
-    EXPECT_EQ(b.Left(), (Strings{"f"}));
-  }
-}
-
-TEST_F(Parse, RepeatedOptionStaysForTheDriver) {
-  Args a{"-h", "-h", "x"};
-  EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-  EXPECT_EQ(h_count, 1u);
-  EXPECT_EQ(a.Left(), (Strings{"-h", "x"}));
-}
-
-TEST_F(Parse, LongerOptionIsNotTakenForAShorterName) {
-  Args a{"-fmtin", "mrc", "-fmt", "tif", "x"};
-  EXPECT_EQ(OptionsParse(image, nullptr), 0u);
-  EXPECT_EQ(counts[0], 1u);
-  EXPECT_STREQ(values[0], "mrc");
-  EXPECT_EQ(counts[2], 1u);
-  EXPECT_STREQ(values[2], "tif");
-  EXPECT_EQ(counts[1] + counts[3], 0u);
-  EXPECT_EQ(a.Left(), (Strings{"x"}));
-
-  ExceptionClear();
-  uint64_t f = 0;
-  OptionEntry t[] = {{&f, nullptr, nullptr, nullptr, "[ f ]"}, EndRow()};
-  Args b{"-fmtin", "mrc"};
-  EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-  EXPECT_EQ(f, 0u);
-  EXPECT_EQ(b.Left(), (Strings{"-fmtin", "mrc"}));
-}
-
-TEST_F(Parse, DoubleDashEndsTheOptions) {
-  {
-    Args a{"--", "-h"};
-    EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-    EXPECT_EQ(h_count, 0u);
-    EXPECT_EQ(a.Left(), (Strings{"--", "-h"}));
-  }
-  {
-    Args a{"-seed", "5", "--", "-h"};
-    EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-    EXPECT_EQ(h_count, 0u);
-    EXPECT_EQ(seed, 5u);
-    EXPECT_EQ(a.Left(), (Strings{"--", "-h"}));
-  }
-}
-
-TEST_F(Parse, ValueInTheSameArgument) {
-  float p[3] = {};
-  uint64_t n = 0;
-  OptionEntry t[] = {{&n, p, nullptr, nullptr, "[ p= 3 Real ]"}, EndRow()};
-  {
-    Args a{"-p=1,2.5,-3", "x"};
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(n, 3u);
-    EXPECT_EQ(p[1], 2.5f);
-    EXPECT_EQ(p[2], -3.0f);
-    EXPECT_EQ(a.Left(), (Strings{"x"}));
-  }
-  {
-    Args a{"-p=1,2"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_NUM);
-    EXPECT_EQ(Errors().back(), "invalid number of option values -p");
-    EXPECT_EQ(a.Left(), Strings{});
-  }
-  ExceptionClear();
-  {
-    // Fewer values than separators say: a parse error without a name.
-    Args a{"-p=1,x,3"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_PARSE);
-    EXPECT_EQ(Errors(), (Strings{"option parse error"}));
-    EXPECT_EQ(n, 1u);
-  }
-  ExceptionClear();
-  {
-    // Without the separator this is not the option.
-    Args a{"-p", "1"};
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(a.Left(), (Strings{"-p", "1"}));
-  }
-}
-
-TEST_F(Parse, WhiteSpaceAfterTheName) {
-  {
-    Args a{"-fmt tif", "x"};
-    EXPECT_EQ(OptionsParse(image, nullptr), E_OPTIONS_ERR);
-    EXPECT_EQ(Errors(), (Strings{"invalid command line option -fmt tif"}));
-  }
-  ExceptionClear();
-  {
-    Args a{"-fmt ", "tif", "x"};
-    EXPECT_EQ(OptionsParse(image, nullptr), 0u);
-    EXPECT_STREQ(values[2], "tif");
-    EXPECT_EQ(a.Left(), (Strings{"x"}));
-  }
-}
-
-TEST_F(Parse, TextLeftBehindAValue) {
-  Args a{"-seed", "7x"};
-  EXPECT_EQ(OptionsParse(program, nullptr), E_OPTIONS_VAL);
-  EXPECT_EQ(Errors(), (Strings{"illegal option value -seed"}));
-  EXPECT_EQ(a.Left(), (Strings{"7x"}));
-}
-
-TEST_F(Parse, StringRunsAndKeywords) {
-  const char *files[3] = {};
-  uint64_t nfiles = 0;
-  const char *const modes[] = {"fast", "slow", nullptr};
-  uint64_t mode = 99, nmode = 0;
-  unsigned char flag = 0;
-  OptionEntry t[] = {
-      {&nfiles, files, nullptr, nullptr, "[ files 1:3 String ]"},
-      {&nmode, const_cast<const char **>(modes), &mode, nullptr, "[ mode Keyword ]"},
-      {nullptr, &flag, nullptr, nullptr, "[ b Bool ]"},
-      EndRow(),
-  };
-  {
-    Args a{"-mode", "SL", "-b", "yes", "-files", "a", "b", "c", "d"};
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(nfiles, 3u);
-    EXPECT_STREQ(files[2], "c");
-    EXPECT_EQ(mode, 1u);
-    EXPECT_EQ(nmode, 1u);
-    EXPECT_EQ(flag, 1);
-    EXPECT_EQ(a.Left(), (Strings{"d"}));
-  }
-  {
-    // A run ended by another option is taken whole: four is too many.
-    Args a{"-files", "a", "b", "c", "d", "-b", "0"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_NUM);
-  }
-  ExceptionClear();
-  {
-    Args a{"-mode", "medium"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_ERR);
-    EXPECT_EQ(Errors(), (Strings{"invalid command line option -mode"}));
-  }
-  ExceptionClear();
-  {
-    OptionEntry bad[] = {{&nmode, const_cast<const char **>(modes), &mode, nullptr, "[ mode 2 Keyword ]"}, EndRow()};
-    // The count passes; a keyword option never takes more than one value.
-    Args a{"-mode", "fast", "slow"};
-    EXPECT_EQ(OptionsParse(bad, nullptr), E_OPTIONS_PARSE);
-    EXPECT_EQ(Errors(), (Strings{"option parse error"}));
-  }
-}
-
-TEST_F(Parse, Validation) {
-  struct Case {
-    const char *decl;
-    std::vector<const char *> args;
-    uint32_t status;
-  } cases[] = {
-      {"[ v 3 Index < ]", {"-v", "1", "2", "3"}, 0},
-      {"[ v 3 Index < ]", {"-v", "1", "2", "2"}, E_OPTIONS_VAL},
-      {"[ v 3 Index <= ]", {"-v", "1", "2", "2"}, 0},
-      {"[ v 3 Index <= ]", {"-v", "1", "3", "2"}, E_OPTIONS_VAL},
-      {"[ v Index + ]", {"-v", "0"}, E_OPTIONS_VAL},
-      {"[ v Offset -3:3 ]", {"-v", "-3"}, 0},
-      {"[ v Offset -3:3 ]", {"-v", "4"}, E_OPTIONS_VAL},
-      {"[ v Size + ]", {"-v", "0"}, E_OPTIONS_VAL},
-      {"[ v Size 2:4 ]", {"-v", "5"}, E_OPTIONS_VAL},
-      {"[ v Real 0:1 ]", {"-v", "1"}, 0},
-      {"[ v Real 0:1 ]", {"-v", "1.5"}, E_OPTIONS_VAL},
-      {"[ v Real ]", {"-v", "nan"}, E_OPTIONS_VAL},
-      {"[ v Real ]", {"-v", "inf"}, E_OPTIONS_VAL},
-      {"[ v Real + ]", {"-v", "-0"}, E_OPTIONS_VAL},
-      {"[ v Coord + ]", {"-v", "1e-300"}, 0},
-      {"[ v 2 Coord < ]", {"-v", "1", "1"}, E_OPTIONS_VAL},
-      {"[ v Complex ]", {"-v", "1+2i"}, 0},
-      {"[ v Complex + ]", {"-v", "1+2i"}, E_OPTIONS_VAL},
-      {"[ v Bool ]", {"-v", "off"}, 0},
-  };
-  for (const Case &c : cases) {
-    ExceptionClear();
-    alignas(8) unsigned char values[64] = {};
-    OptionEntry t[] = {{nullptr, values, nullptr, nullptr, c.decl}, EndRow()};
-    Args a(c.args);
-    EXPECT_EQ(OptionsParse(t, nullptr), c.status) << c.decl << " " << c.args[1];
-    if (c.status == E_OPTIONS_VAL) {
-      EXPECT_EQ(Errors(), (Strings{"illegal option value -v"})) << c.decl;
+// The stored values of a row as text: "-" when not given, the count of a switch, the index of a
+// keyword, otherwise the values joined by ",".
+std::string Render(const char *decl, const OptionPrefix *prefix, uint64_t count, const void *block, uint64_t index) {
+  OptionSpec spec;
+  if (!OptionsReadSpecQuiet(decl, &spec, prefix) || count == 0) return "-";
+  if (spec.type == OptionTypeSwitch || spec.type == OptionTypeKeyword)
+    return std::to_string(spec.type == OptionTypeSwitch ? count : index);
+  std::string out;
+  for (uint64_t i = 0; i < count; ++i) {
+    const unsigned char *p = static_cast<const unsigned char *>(block) + i * OptionTypeTable[spec.type].value_size;
+    union { const char *s; unsigned char b; int64_t i; uint64_t u; double d; float f[2]; } v;
+    std::memcpy(&v, p, OptionTypeTable[spec.type].value_size);
+    char text[64];
+    switch (spec.type) {
+      case OptionTypeString: std::snprintf(text, sizeof text, "%s", v.s); break;
+      case OptionTypeBool: std::snprintf(text, sizeof text, "%d", v.b); break;
+      case OptionTypeSize: std::snprintf(text, sizeof text, "%llu", (unsigned long long)v.u); break;
+      case OptionTypeCoord: std::snprintf(text, sizeof text, "%g", v.d); break;
+      case OptionTypeReal: std::snprintf(text, sizeof text, "%g", v.f[0]); break;
+      case OptionTypeComplex: std::snprintf(text, sizeof text, "%g%+gi", v.f[0], v.f[1]); break;
+      default: std::snprintf(text, sizeof text, "%lld", (long long)v.i);
     }
+    out += (i ? "," : "") + std::string(text);
   }
+  return out;
 }
 
-TEST_F(Parse, SquareCounts) {
-  uint64_t m[16] = {};
-  uint64_t n = 0;
-  OptionEntry t[] = {{&n, m, nullptr, nullptr, "[ m 1:16 * Size ]"}, EndRow()};
-  {
-    Args a{"-m", "1", "2", "3", "4", "file"};
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(n, 4u);
-    EXPECT_EQ(a.Left(), (Strings{"file"}));
-  }
-  for (const std::vector<const char *> &args :
-       {std::vector<const char *>{"-m", "1", "2", "3"}, {"-m", "1", "2", "3", "4", "5", "-x"}}) {
-    ExceptionClear();
-    Args a(args);
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_NUM) << args.size();
-  }
-}
-
-TEST_F(Parse, SharedCount) {
-  float x[8] = {}, y[8] = {};
-  uint64_t shared = 0;
-  OptionEntry t[] = {
-      {nullptr, x, &shared, nullptr, "[ x 1:8 Real ]"},
-      {nullptr, y, &shared, nullptr, "[ y 1:8 Real ]"},
-      EndRow(),
-  };
-  {
-    Args a{"-x", "1", "2", "-y", "3", "4", "file"};
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(shared, 2u);
-    EXPECT_EQ(y[1], 4.0f);
-  }
-  shared = 0;
-  {
-    // -y's run is ended by the place of -x, so its three values are exact and do not agree.
-    Args a{"-y", "3", "4", "5", "-x", "1", "2", "-z"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_NUM);
-    EXPECT_EQ(shared, 2u);  // set by -x, the first row of the table
-  }
-}
-
-TEST_F(Parse, FixedCountMustMatchTheSharedCount) {
-  float x[8] = {};
-  uint64_t shared = 3;
-  OptionEntry t[] = {{nullptr, x, &shared, nullptr, "[ x 1:8 =2 Real ]"}, EndRow()};
-  Args a{"-x", "1", "2"};
-  EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_ERR);
-  EXPECT_EQ(Errors(), (Strings{"invalid command line option -x"}));
-}
-
-TEST_F(Parse, Environment) {
-  uint64_t v[3] = {};
-  OptionEntry own[] = {{nullptr, &v[0], nullptr, nullptr, "[ x <_*> Size ]"}, EndRow()};
-  OptionEntry common[] = {{nullptr, &v[1], nullptr, nullptr, "[ x <*> Size ]"}, EndRow()};
-  OptionEntry both[] = {{nullptr, &v[2], nullptr, nullptr, "[ x <> Size ]"}, EndRow()};
-  Args a{"pos"};
-  {
-    EnvVar p("zvcompute_x", "5"), z("zv_x", "9");
-    EXPECT_EQ(OptionsParse(own, nullptr), 0u);
-    EXPECT_EQ(OptionsParse(common, nullptr), 0u);
-    EXPECT_EQ(OptionsParse(both, nullptr), 0u);
-    EXPECT_EQ(v[0], 5u);
-    EXPECT_EQ(v[1], 9u);
-    EXPECT_EQ(v[2], 5u);
-  }
-  v[0] = v[1] = v[2] = 0;
-  {
-    EnvVar z("zv_x", "9");
-    EXPECT_EQ(OptionsParse(own, nullptr), 0u);
-    EXPECT_EQ(OptionsParse(both, nullptr), 0u);
-    EXPECT_EQ(v[0], 0u);
-    EXPECT_EQ(v[2], 9u);
-  }
-  {
-    EnvVar p("zvcompute_x", "5");
-    EXPECT_EQ(OptionsParse(common, nullptr), 0u);
-    EXPECT_EQ(v[1], 0u);
-  }
-  {
-    // An empty program-prefixed variable is set: the common one is not read.
-    EnvVar p("zvcompute_x", ""), z("zv_x", "9");
-    EXPECT_EQ(OptionsParse(both, nullptr), E_OPTIONS_PARSE);
-  }
-  EXPECT_EQ(a.Left(), (Strings{"pos"}));
-}
-
-TEST_F(Parse, EnvironmentSeedAndPrecedence) {
-  EnvVar z("zv_seed", "  42");
-  {
-    Args a{"x"};
-    EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-    EXPECT_EQ(seed, 42u);
-  }
-  {
-    Args a{"-seed", "8", "x"};
-    EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-    EXPECT_EQ(seed, 8u);
-  }
-  {
-    // The environment is read also when the first argument is no option.
-    Args a{"x", "-seed", "8"};
-    EnvVar p("zvcompute_seed", "11");
-    EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-    EXPECT_EQ(seed, 11u);
-  }
-}
-
-TEST_F(Parse, EnvironmentErrorsNameTheVariable) {
-  uint64_t v = 0;
-  OptionEntry t[] = {{nullptr, &v, nullptr, nullptr, "[ x <> Size 1:10 ]"}, EndRow()};
-  Args a{};
-  {
-    EnvVar p("zvcompute_x", "11");
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_VAL);
-    EXPECT_EQ(Errors(), (Strings{"illegal option value -zvcompute_x"}));
-  }
-  ExceptionClear();
-  {
-    EnvVar z("zv_x", "1,2");
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_NUM);
-    EXPECT_EQ(Errors(), (Strings{"invalid number of option values -zv_x"}));
-  }
-}
-
-TEST_F(Parse, EnvironmentSwitch) {
-  uint64_t n = 0;
-  OptionEntry t[] = {{&n, nullptr, nullptr, nullptr, "v <>"}, EndRow()};
-  Args a{};
-  {
-    EnvVar z("zv_v", "no");  // any truth value sets the switch
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(n, 1u);
-  }
-  n = 0;
-  {
-    // Empty: found, so the required switch is satisfied, but not set.
-    EnvVar z("zv_v", "");
-    EXPECT_EQ(OptionsParse(t, nullptr), 0u);
-    EXPECT_EQ(n, 0u);
-  }
-  {
-    EnvVar z("zv_v", "maybe");
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_VAL);
-    EXPECT_EQ(Errors(), (Strings{"illegal option value -zv_v"}));
-  }
-  ExceptionClear();
-  EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_REQ);
-  EXPECT_EQ(Errors(), (Strings{"required command line option -v"}));
-}
-
-TEST_F(Parse, RequiredOptionsAllReported) {
-  uint64_t a1 = 0, b1 = 0;
-  OptionEntry t[] = {
-      {&a1, nullptr, nullptr, nullptr, "alpha"},
-      {nullptr, &b1, nullptr, nullptr, "beta Size"},
-      {nullptr, nullptr, nullptr, nullptr, nullptr},
-  };
-  Args a{"-h", "x"};
-  EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_REQ);
-  EXPECT_EQ(Errors(), (Strings{"required command line option -alpha", "required command line option -beta"}));
-  EXPECT_EQ(a.Left(), (Strings{"-h", "x"}));
-}
-
-TEST_F(Parse, BadDeclarations) {
-  uint64_t v = 0;
-  {
-    // An unreadable row ends the parse; matched options are still removed.
-    OptionEntry t[] = {
-        {&h_count, nullptr, nullptr, nullptr, "[ h ]"},
-        {nullptr, &v, nullptr, nullptr, "[ x Size ] extra"},
-        {nullptr, &seed, nullptr, nullptr, "[ seed Size ]"},
-        EndRow(),
-    };
-    Args a{"-h", "-seed", "3"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_PARSE);
-    EXPECT_EQ(Errors(), (Strings{"option parse error [ x Size ] extra"}));
-    EXPECT_EQ(seed, 123u);
-    EXPECT_EQ(a.Left(), (Strings{"-seed", "3"}));
-  }
-  ExceptionClear();
-  {
-    // A nameless row returns at once, before the vector is compacted.
-    OptionEntry t[] = {
-        {&h_count, nullptr, nullptr, nullptr, "[ h ]"},
-        {nullptr, &v, nullptr, nullptr, "ARG 2 Size"},
-        EndRow(),
-    };
-    Args a{"-h", "x"};
-    EXPECT_EQ(OptionsParse(t, nullptr), E_OPTIONS_PARSE);
-    EXPECT_EQ(Errors(), (Strings{"option parse error ARG 2 Size"}));
-    EXPECT_EQ(a.argc, 3);
-    EXPECT_STREQ(CoreArgv[1], "");
-  }
-  ExceptionClear();
-  EXPECT_EQ(OptionsParse(nullptr, nullptr), E_ARGUMENT);
-}
-
-TEST_F(Parse, EmptyArgumentsAreSkippedAndDropped) {
-  Args a{"", "-h", "", "a"};
-  EXPECT_EQ(OptionsParse(program, nullptr), 0u);
-  EXPECT_EQ(h_count, 1u);
-  EXPECT_EQ(a.Left(), (Strings{"a"}));
-}
-
-TEST_F(Parse, PrefixedTable) {
-  const char *fmt = nullptr;
-  OptionEntry t[] = {{nullptr, &fmt, nullptr, nullptr, "fmt String"}, EndRow()};
-  OptionPrefix in{"in", 0};
-  {
-    Args a{"-fmt", "a", "-infmt", "b"};
-    EXPECT_EQ(OptionsParse(t, &in), 0u);
-    EXPECT_STREQ(fmt, "b");
-    EXPECT_EQ(a.Left(), (Strings{"-fmt", "a"}));
-  }
-  {
-    Args a{"x"};
-    EXPECT_EQ(OptionsParse(t, &in), E_OPTIONS_REQ);
-    EXPECT_EQ(Errors(), (Strings{"required command line option -infmt"}));
-  }
-}
-
-TEST_F(Parse, LongNamesAreCutInErrors) {
-  std::string name(130, 'n');
-  std::string decl = name + " Size";
-  uint64_t v = 0;
-  OptionEntry t[] = {{nullptr, &v, nullptr, nullptr, decl.c_str()}, EndRow()};
-  OptionPrefix pre{"pp", 0};
-  Args a{};
-  EXPECT_EQ(OptionsParse(t, &pre), E_OPTIONS_REQ);
-  EXPECT_EQ(Errors(), (Strings{"required command line option -pp" + std::string(123, 'n')}));
-}
-
-// -- constraint lists ---------------------------------------------------------------------------
-
-// Two rows whose lists live in one array: a = words[0..1], b = words[2..3]; word 1 points at b's
-// first word (distance +1), word 3 at a's first word (distance -3).
-struct Pair {
-  uint32_t words[4];
-  uint64_t a = 0, b = 0;
-  OptionEntry table[3];
-  explicit Pair(uint32_t kind) {
-    words[0] = 1;
-    words[1] = kind | (1u << 8);
-    words[2] = 1;
-    words[3] = kind | (0xfdu << 8);
-    table[0] = {&a, nullptr, nullptr, &words[0], "[ a ]"};
-    table[1] = {&b, nullptr, nullptr, &words[2], "[ b ]"};
-    table[2] = EndRow();
-  }
+struct Scenario {
+  std::vector<std::string> decls;
+  std::vector<const char *> args;
+  uint32_t status;
+  Strings errors, left, values;
+  std::vector<std::pair<const char *, const char *>> env = {};
+  const char *prefix = nullptr;
+  bool shared = false;       // the typed rows share one value count
+  uint32_t constraint = 0;   // rows 0 and 1 related by this constraint kind
 };
 
-TEST_F(Parse, ExclusiveOptions) {
-  Pair p(OptionsConstraintExcl);
-  {
-    Args a{"-b", "-a", "x"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), E_OPTIONS_CONFL);
-    EXPECT_EQ(Errors(), (Strings{"conflicting command line options -b and -a"}));
-    EXPECT_EQ(a.Left(), (Strings{"x"}));
+// Each row gets a count slot and a value block (keywords: "fast", "slow" and an index slot). With a
+// constraint, the lists of rows 0 and 1 live in one array and point at each other's first word.
+void Check(const Scenario &s) {
+  std::string what = s.decls[0];
+  for (const char *a : s.args) what += std::string(" ") + a;
+  SCOPED_TRACE(what);
+  OptionsTestSetUp();
+  const size_t n = s.decls.size();
+  static const char *const kKeywords[] = {"fast", "slow", nullptr};
+  std::vector<uint64_t> counts(n), index(n), blocks(16 * n);
+  uint64_t shared = 0;
+  uint32_t words[4] = {1, s.constraint | (1u << 8), 1, s.constraint | (0xfdu << 8)};
+  OptionPrefix prefix{s.prefix, 0};
+  const OptionPrefix *pre = s.prefix ? &prefix : nullptr;
+  std::vector<OptionEntry> table;
+  for (size_t i = 0; i < n; ++i) {
+    OptionSpec spec{};
+    const bool keyword = OptionsReadSpecQuiet(s.decls[i].c_str(), &spec, pre) && spec.type == OptionTypeKeyword;
+    void *value = keyword ? (void *)kKeywords : &blocks[16 * i];
+    void *aux = keyword ? &index[i] : s.shared ? &shared : nullptr;
+    table.push_back({&counts[i], value, aux, s.constraint && i < 2 ? &words[2 * i] : nullptr, s.decls[i].c_str()});
   }
+  table.push_back(EndRow());
+  for (auto [name, value] : s.env) setenv(name, value, 1);
+  {
+    Args a(s.args);
+    EXPECT_EQ(OptionsParse(table.data(), pre), s.status);
+    EXPECT_EQ(Errors(), s.errors);
+    EXPECT_EQ(a.Left(), s.left);
+  }
+  Strings values;
+  for (size_t i = 0; i < n; ++i)
+    values.push_back(Render(s.decls[i].c_str(), pre, counts[i], &blocks[16 * i], index[i]));
+  EXPECT_EQ(values, s.values);
+  for (auto [name, value] : s.env) unsetenv(name);
   ExceptionClear();
-  {
-    // Marks of the previous call are cleared.
-    Args a{"-a", "x"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), 0u);
-  }
 }
 
-TEST_F(Parse, RequirementGroups) {
-  {
-    Pair p(OptionsConstraintOr);
-    Args a{"x"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), E_OPTIONS_REQ);
-    EXPECT_EQ(Errors(), (Strings{"required command line option -a or -b"}));
-    ExceptionClear();
-    Args b{"-b"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), 0u);
-  }
-  {
-    Pair p(OptionsConstraintAnd);
-    Args a{"x"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), 0u);
-    Args b{"-a"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), E_OPTIONS_REQ);
-    EXPECT_EQ(Errors(), (Strings{"required command line option -a and -b"}));
-    ExceptionClear();
-    Args c{"-a", "-b"};
-    EXPECT_EQ(OptionsParse(p.table, nullptr), 0u);
-  }
-}
+const std::vector<std::string> P = {"[ h ]", "[ seed <> Size ]"};
+const std::vector<std::string> I = {"[ fmtin <> String ]", "[ capin <> String ]", "[ fmt   <> String ]",
+                                    "[ cap   <> String ]"};
+const uint32_t NUM = E_OPTIONS_NUM, VAL = E_OPTIONS_VAL, ERR = E_OPTIONS_ERR, PARSE = E_OPTIONS_PARSE;
+const uint32_t REQ = E_OPTIONS_REQ, EXCL = OptionsConstraintExcl, OR = OptionsConstraintOr, AND = OptionsConstraintAnd;
+const char *const kNumSeed = "invalid number of option values -seed";
 
-// -- usage line -----------------------------------------------------------------------------------
-
-std::string Item(const char *decl) {
-  OptionEntry row{nullptr, nullptr, nullptr, nullptr, decl};
-  std::string text;
-  EXPECT_EQ(OptionsUsageText(&row, nullptr, &text), 0u);
+// The core library's text for a number out of its type's range.
+std::string ParseRangeText() {
+  ExceptionPush(E_PARSE_RANGE);
+  const std::string text = ExceptionText(0);
+  ExceptionClear();
   return text;
 }
 
-TEST_F(Parse, UsageItems) {
-  EXPECT_EQ(Item("h"), " -h");
-  EXPECT_EQ(Item("[ h ]"), " [-h]");
-  EXPECT_EQ(Item("[ name= String ]"), " [-name=<s>]");
-  EXPECT_EQ(Item("x 5 Real"), " -x <5*r>");
-  EXPECT_EQ(Item("x 3 Real"), " -x <r> <r> <r>");
-  EXPECT_EQ(Item("x= 3 Real"), " -x=<r>,<r>,<r>");
-  EXPECT_EQ(Item("x: 2 Real"), " -x:<r>,<r>");
-  EXPECT_EQ(Item("ARG 2 Size"), " <I> <I>");
-  EXPECT_EQ(Item("[ ARG Complex ]"), " [<C>]");
-  EXPECT_EQ(Item("[ x 1:3 Coord ]"), " [-x <r> [r] [r]]");
-  EXPECT_EQ(Item("[ x 1:9 Index ]"), " [-x <n> [8*n]]");
-  EXPECT_EQ(Item("[ x 2: Offset ]"), " [-x <n> <n>]");
-  EXPECT_EQ(Item("x 0:2 Bool"), " -x [b] [b]");
-  EXPECT_EQ(Item("x 0 Bool"), " -x ...");
-  EXPECT_EQ(Item("[ k Keyword ]"), " [-k <k>]");
-  EXPECT_EQ(Item("[ x Size ] junk"), "");
-  OptionEntry row{nullptr, nullptr, nullptr, nullptr, "[ fmt String ]"};
-  OptionPrefix in{"in", 0};
-  std::string text;
-  OptionsUsageText(&row, &in, &text);
-  EXPECT_EQ(text, " [-infmt <s>]");
+// Where the search for options starts and stops, runs of values, "--", repeated and longer options.
+TEST(Parse, ArgumentVector) {
+  for (const Scenario &s : std::vector<Scenario>{
+           {P, {"-seed", "7", "a", "b"}, 0, {}, {"a", "b"}, {"-", "7"}},  // the run is cut to one value
+           {P, {"a", "b", "-seed", "7"}, 0, {}, {"a", "b", "-seed", "7"}, {"-", "-"}},
+           {P, {"-h", "-seed", "7", "a"}, 0, {}, {"a"}, {"1", "7"}},
+           {P, {"-seed", "7", "a", "-h"}, NUM, {kNumSeed}, {"7", "a"}, {"1", "-"}},  // -h's place ends the run
+           {P, {"-h", "a", "-seed", "5"}, 0, {}, {"a", "-seed", "5"}, {"1", "-"}},
+           {P, {"-seed"}, NUM, {kNumSeed}, {}, {"-", "-"}},
+           {P, {"-seed", "-h"}, NUM, {kNumSeed}, {}, {"1", "-"}},
+           {P, {"-seed", "-5", "x"}, E_PARSE_RANGE, {ParseRangeText() + " -seed"}, {"-5", "x"}, {"-", "-"}},
+           {P, {"-h", "-h", "x"}, 0, {}, {"-h", "x"}, {"1", "-"}},
+           {P, {"--", "-h"}, 0, {}, {"--", "-h"}, {"-", "-"}},
+           {P, {"-seed", "5", "--", "-h"}, 0, {}, {"--", "-h"}, {"-", "5"}},
+           {P, {"", "-h", "", "a"}, 0, {}, {"a"}, {"1", "-"}},
+           {P, {"-seed", "7x"}, VAL, {"illegal option value -seed"}, {"7x"}, {"-", "-"}},
+           {I, {"-fmtin", "mrc", "-fmt", "tif", "x"}, 0, {}, {"x"}, {"mrc", "-", "tif", "-"}},
+           {{"[ f ]"}, {"-fmtin", "mrc"}, 0, {}, {"-fmtin", "mrc"}, {"-"}},
+           {I, {"-fmt tif", "x"}, ERR, {"invalid command line option -fmt tif"}, {"-fmt tif", "x"}, Strings(4, "-")},
+           {I, {"-fmt ", "tif", "x"}, 0, {}, {"x"}, {"-", "-", "tif", "-"}},
+           // "-" is a value but no number; "-0" is a number.
+           {{"[ v 2 Index ]"}, {"-v", "-5", "-", "f"}, NUM, {"invalid number of option values -v"}, {"-", "f"}, {"-5"}},
+           {{"[ v 2 Index ]"}, {"-v", "-5", "-0", "f"}, 0, {}, {"f"}, {"-5,0"}},
+           {{"[ p= 3 Real ]"}, {"-p=1,2.5,-3", "x"}, 0, {}, {"x"}, {"1,2.5,-3"}},
+           {{"[ p= 3 Real ]"}, {"-p=1,2"}, NUM, {"invalid number of option values -p"}, {}, {"-"}},
+           {{"[ p= 3 Real ]"}, {"-p=1,x,3"}, PARSE, {"option parse error"}, {}, {"1"}},  // fewer parsed than counted
+           {{"[ p= 3 Real ]"}, {"-p", "1"}, 0, {}, {"-p", "1"}, {"-"}},
+       })
+    Check(s);
 }
 
-TEST_F(Parse, UsageLineOfTheProgramTable) {
-  std::string line;
-  OptionsUsageLine(program, &line);
-  EXPECT_EQ(line, " [-h] [-seed <i>]");
-  OptionsUsageLine(image, &line);
-  EXPECT_EQ(line, " [-fmtin <s>] [-capin <s>] [-fmt <s>] [-cap <s>]");
+TEST(Parse, ValueTypesCountsAndValidation) {
+  const std::vector<std::string> SKB = {"[ files 1:3 String ]", "[ mode Keyword ]", "[ b Bool ]"};
+  const char *const bad_v = "illegal option value -v";
+  const std::vector<std::string> M = {"[ m 1:16 * Size ]"}, XY = {"[ x 1:8 Real ]", "[ y 1:8 Real ]"};
+  for (const Scenario &s : std::vector<Scenario>{
+           {SKB, {"-mode", "SL", "-b", "yes", "-files", "a", "b", "c", "d"}, 0, {}, {"d"}, {"a,b,c", "1", "1"}},
+           {SKB, {"-files", "a", "b", "c", "d", "-b", "0"}, NUM, {"invalid number of option values -files"},
+            {"a", "b", "c", "d", "-b", "0"}, {"-", "-", "-"}},  // the error ends the parse
+           {SKB, {"-mode", "medium"}, ERR, {"invalid command line option -mode"}, {"medium"}, {"-", "-", "-"}},
+           {{"[ mode 2 Keyword ]"}, {"-mode", "fast", "slow"}, PARSE, {"option parse error"}, {"fast", "slow"}, {"-"}},
+           {{"[ v 3 Index < ]"}, {"-v", "1", "2", "3"}, 0, {}, {}, {"1,2,3"}},
+           {{"[ v 3 Index < ]"}, {"-v", "1", "2", "2"}, VAL, {bad_v}, {}, {"1,2,2"}},
+           {{"[ v 3 Index <= ]"}, {"-v", "1", "3", "2"}, VAL, {bad_v}, {}, {"1,3,2"}},
+           {{"[ v Index + ]"}, {"-v", "0"}, VAL, {bad_v}, {}, {"0"}},
+           {{"[ v Offset -3:3 ]"}, {"-v", "-3"}, 0, {}, {}, {"-3"}},
+           {{"[ v Offset -3:3 ]"}, {"-v", "4"}, VAL, {bad_v}, {}, {"4"}},
+           {{"[ v Size 2:4 ]"}, {"-v", "5"}, VAL, {bad_v}, {}, {"5"}},
+           {{"[ v Real 0:1 ]"}, {"-v", "1"}, 0, {}, {}, {"1"}},
+           {{"[ v Real ]"}, {"-v", "nan"}, VAL, {bad_v}, {}, {"nan"}},
+           {{"[ v Real ]"}, {"-v", "inf"}, VAL, {bad_v}, {}, {"inf"}},
+           {{"[ v Real + ]"}, {"-v", "-0"}, VAL, {bad_v}, {}, {"-0"}},
+           {{"[ v 2 Coord < ]"}, {"-v", "1", "1"}, VAL, {bad_v}, {}, {"1,1"}},
+           {{"[ v Complex ]"}, {"-v", "1+2i"}, 0, {}, {}, {"1+2i"}},
+           {{"[ v Complex + ]"}, {"-v", "1+2i"}, VAL, {bad_v}, {}, {"1+2i"}},
+           {M, {"-m", "1", "2", "3", "4", "f"}, 0, {}, {"f"}, {"1,2,3,4"}},
+           {M, {"-m", "1", "2", "3"}, NUM, {"invalid number of option values -m"}, {"1", "2", "3"}, {"-"}},
+           {M, {"-m", "1", "2", "3", "4", "5", "-x"}, NUM, {"invalid number of option values -m"},
+            {"1", "2", "3", "4", "5", "-x"}, {"-"}},
+           // A shared count: set by the first option parsed, the others must agree.
+           {XY, {"-x", "1", "2", "-y", "3", "4", "f"}, 0, {}, {"f"}, {"1,2", "3,4"}, {}, nullptr, true},
+           {XY, {"-y", "3", "4", "5", "-x", "1", "2", "-z"}, NUM,
+            {"invalid number of option values -y"}, {"-z"}, {"1,2", "3,4,5"}, {}, nullptr, true},
+           {{"[ y 1:8 Real ]", "[ x 1:8 =2 Real ]"}, {"-y", "1", "2", "3", "-x", "1", "2"}, ERR,
+            {"invalid command line option -x"}, {}, {"1,2,3", "1,2"}, {}, nullptr, true},
+       })
+    Check(s);
 }
 
-TEST_F(Parse, UsagePrintsReportsAndExits) {
-  ExceptionPushMsg(E_OPTIONS_NUM, " -seed", nullptr);
-  EXPECT_EXIT(OptionsUsage(program), testing::ExitedWithCode(1),
-              "^zvcompute: invalid number of option values -seed\nusage: zvcompute \\[-h\\] \\[-seed <i>\\]\n$");
+// Variables stand in for options not given: <_*> reads only zvcompute_x, <*> only zv_x, <> both in
+// that order; errors name the variable.
+TEST(Parse, Environment) {
+  const std::pair<const char *, const char *> own{"zvcompute_x", "5"}, common{"zv_x", "9"};
+  for (const Scenario &s : std::vector<Scenario>{
+           {{"[ x <_*> Size ]", "[ y <*> Size ]"}, {"p"}, 0, {}, {"p"}, {"5", "-"}, {own, {"zvcompute_y", "5"}}},
+           {{"[ x <_*> Size ]", "[ y <*> Size ]"}, {"p"}, 0, {}, {"p"}, {"-", "9"}, {common, {"zv_y", "9"}}},
+           {{"[ x <> Size ]"}, {"p"}, 0, {}, {"p"}, {"5"}, {own, common}},
+           {{"[ x <> Size ]"}, {}, 0, {}, {}, {"9"}, {common}},
+           {{"[ x <> Size ]"}, {}, PARSE, {"option parse error"}, {}, {"-"}, {{"zvcompute_x", ""}, common}},
+           {{"[ x <> Size 1:10 ]"}, {}, VAL, {"illegal option value -zvcompute_x"}, {}, {"11"}, {{own.first, "11"}}},
+           {{"[ x <> Size 1:10 ]"}, {}, NUM, {"invalid number of option values -zv_x"}, {}, {"-"}, {{"zv_x", "1,2"}}},
+           {P, {"x"}, 0, {}, {"x"}, {"-", "42"}, {{"zv_seed", "  42"}}},
+           {P, {"-seed", "8", "x"}, 0, {}, {"x"}, {"-", "8"}, {{"zv_seed", "42"}}},
+           {P, {"x", "-seed", "8"}, 0, {}, {"x", "-seed", "8"}, {"-", "11"},
+            {{"zv_seed", "4"}, {"zvcompute_seed", "11"}}},
+           // A required switch: any truth value sets it, an empty one satisfies it without setting it.
+           {{"v <>"}, {}, 0, {}, {}, {"1"}, {{"zv_v", "no"}}},
+           {{"v <>"}, {}, 0, {}, {}, {"-"}, {{"zv_v", ""}}},
+           {{"v <>"}, {}, VAL, {"illegal option value -zv_v"}, {}, {"-"}, {{"zv_v", "maybe"}}},
+           {{"v <>"}, {}, REQ, {"required command line option -v"}, {}, {"-"}},
+       })
+    Check(s);
+}
+
+// Required options, unreadable and nameless declarations, prefixes, long names and constraint lists.
+TEST(Parse, ErrorsAndConstraints) {
+  const std::string long_name(130, 'n'), req = "required command line option -";
+  const std::vector<std::string> AB = {"[ a ]", "[ b ]"};
+  for (const Scenario &s : std::vector<Scenario>{
+           {{"alpha", "beta Size"}, {"-h", "x"}, REQ, {req + "alpha", req + "beta"}, {"-h", "x"}, {"-", "-"}},
+           // An unreadable row ends the parse; options matched so far are still removed.
+           {{"[ h ]", "[ x Size ] extra", "[ seed Size ]"}, {"-h", "-seed", "3"}, PARSE,
+            {"option parse error [ x Size ] extra"}, {"-seed", "3"}, {"1", "-", "-"}},
+           // A nameless row returns at once, before the vector is compacted.
+           {{"[ h ]", "ARG 2 Size"}, {"-h", "x"}, PARSE, {"option parse error ARG 2 Size"}, {"", "x"}, {"1", "-"}},
+           {{"fmt String"}, {"-fmt", "a", "-infmt", "b"}, 0, {}, {"-fmt", "a"}, {"b"}, {}, "in"},
+           {{"fmt String"}, {"x"}, REQ, {req + "infmt"}, {"x"}, {"-"}, {}, "in"},
+           {{long_name + " Size"}, {}, REQ, {req + "pp" + std::string(123, 'n')}, {}, {"-"}, {}, "pp"},  // cut at 125
+           {AB, {"-b", "-a", "x"}, E_OPTIONS_CONFL, {"conflicting command line options -b and -a"}, {"x"},
+            {"1", "1"}, {}, nullptr, false, EXCL},
+           {AB, {"-a", "x"}, 0, {}, {"x"}, {"1", "-"}, {}, nullptr, false, EXCL},
+           {AB, {"x"}, REQ, {req + "a or -b"}, {"x"}, {"-", "-"}, {}, nullptr, false, OR},
+           {AB, {"-b"}, 0, {}, {}, {"-", "1"}, {}, nullptr, false, OR},
+           {AB, {"x"}, 0, {}, {"x"}, {"-", "-"}, {}, nullptr, false, AND},
+           {AB, {"-a"}, REQ, {req + "a and -b"}, {}, {"1", "-"}, {}, nullptr, false, AND},
+           {AB, {"-a", "-b"}, 0, {}, {}, {"1", "1"}, {}, nullptr, false, AND},
+       })
+    Check(s);
+  EXPECT_EQ(OptionsParse(nullptr, nullptr), E_ARGUMENT);
   ExceptionClear();
-  OptionEntry empty[] = {EndRow()};
-  EXPECT_EXIT(OptionsUsage(empty), testing::ExitedWithCode(1), "^usage: zvcompute\n$");
-  EXPECT_EQ(OptionsUsage(nullptr), E_ARGUMENT);
 }
 
-// Registry state is process-wide, so these run in a child process.
-uint32_t InitBlock(void *block, uint64_t size, void **) {
-  std::memset(block, 0, size);
-  static_cast<uint64_t *>(block)[1] = 5;  // default of the value
-  return 0;
-}
-
-void *Finish(void *chained, void *block, uint64_t, void *) {
-  static uint64_t results[2];
-  uint64_t *b = static_cast<uint64_t *>(block);
-  results[chained ? 1 : 0] = b[1] + (chained ? *static_cast<uint64_t *>(chained) : 0);
-  return &results[chained ? 1 : 0];
-}
-
-void ListRegisteredTables(const OptionEntry *program) {
-  static uint64_t block1[2], block2[2];
-  static OptionEntry q[] = {{&block1[0], nullptr, nullptr, nullptr, "[ q ]"}, EndRow()};
-  static OptionEntry r[] = {{nullptr, &block2[1], nullptr, nullptr, "r Size"}, EndRow()};
-  static const OptionPrefix pre{"x", 0};
-  OptionRegistration *rq = OptionsRegister(q, nullptr, Finish, block1, sizeof block1, nullptr);
-  OptionRegistration *rr = OptionsRegister(r, InitBlock, Finish, block2, sizeof block2, &pre);
-  OptionsChain(rq, rr, nullptr);
-  std::string line;
-  OptionsUsageLine(program, &line);
-  std::fprintf(stderr, "%s|", line.c_str());
-  OptionsUsageLine(program, &line);
-  std::fprintf(stderr, "%s|", line.c_str());
-  std::exit(0);
-}
-
-TEST_F(Parse, RegisteredTablesListedOnce) {
-  EXPECT_EXIT(ListRegisteredTables(program), testing::ExitedWithCode(0),
-              "^ \\[-q\\] -xr <i> \\[-h\\] \\[-seed <i>\\]\\| \\[-h\\] \\[-seed <i>\\]\\|$");
-}
-
-void RunCallback() {
-  static uint64_t block1[2], block2[2];
-  static OptionEntry q[] = {{nullptr, &block1[1], nullptr, nullptr, "[ q Size ]"}, EndRow()};
-  static OptionEntry r[] = {{nullptr, &block2[1], nullptr, nullptr, "[ r Size ]"}, EndRow()};
-  OptionRegistration *rq = OptionsRegister(q, InitBlock, Finish, block1, sizeof block1, nullptr);
-  OptionRegistration *rr = OptionsRegister(r, InitBlock, Finish, block2, sizeof block2, nullptr);
-  void *result = &block1;
-  OptionsChain(rq, rr, &result);
-  bool ok = result == nullptr;
-  Args a{"-r", "7", "-q", "1"};
-  ok = ok && OptionsCallback(rq) == 0;
-  // r is parsed first (7), then q (1) is finished with r's result: 1 + 7.
-  ok = ok && result && *static_cast<uint64_t *>(result) == 8;
-  ok = ok && a.Left().empty();
-  // Without arguments the initialiser's default stays: 5 + 5.
-  Args b{};
-  ok = ok && OptionsCallback(rq) == 0 && *static_cast<uint64_t *>(result) == 10;
-  std::exit(ok ? 0 : 2);
-}
-
-TEST_F(Parse, CallbackRunsChainInitialiserParseAndFinisher) {
-  EXPECT_EXIT(RunCallback(), testing::ExitedWithCode(0), "");
-}
-
-void FillRegistry() {
-  static uint64_t block[2];
-  static OptionEntry q[] = {{nullptr, nullptr, nullptr, nullptr, "[ q ]"}, EndRow()};
-  bool ok = OptionsRegister(nullptr, nullptr, Finish, block, 16, nullptr) == nullptr;
-  ok = ok && OptionsRegister(q, nullptr, nullptr, block, 16, nullptr) == nullptr;
-  ok = ok && OptionsRegister(q, nullptr, Finish, nullptr, 16, nullptr) == nullptr;
-  uint32_t n;
-  OptionsRegistry(&n);
-  ok = ok && n == 0;
-  for (uint32_t i = 0; i < OptionsRegistryMax; ++i)
-    ok = ok && OptionsRegister(q, nullptr, Finish, block, 16, nullptr) != nullptr;
-  ok = ok && OptionsRegister(q, nullptr, Finish, block, 16, nullptr) == nullptr;
-  std::exit(ok ? 0 : 2);
-}
-
-TEST_F(Parse, RegistryRefusals) { EXPECT_EXIT(FillRegistry(), testing::ExitedWithCode(0), ""); }
-
-TEST_F(Parse, ModuleRegistersTheErrorTexts) {
-  EXPECT_STREQ(OptionsModule.name, "options");
-  EXPECT_STREQ(OptionsModule.version, "2.4.1373");
-  EXPECT_STREQ(OptionsModule.stamp, "201406222041");
-  const char *expected[] = {"internal error (options)",
-                            "option parse error",
-                            "unknown command line option",
-                            "invalid command line option",
-                            "illegal option value",
-                            "invalid number of option values",
-                            "duplicate command line option",
-                            "required command line option",
-                            "conflicting command line options",
-                            "invalid command line argument",
-                            "insufficient number of command line arguments"};
-  for (uint32_t code = E_OPTIONS; code < E_OPTIONS_END; ++code) {
-    ExceptionClear();
-    ExceptionPush(code);
-    EXPECT_STREQ(ExceptionText(0), expected[code - E_OPTIONS]);
-  }
+// The driver's own table: a null count pointer for the seed, whose initial value stays when not given.
+TEST(Parse, ProgramTable) {
+  OptionsTestSetUp();
+  uint64_t h = 0, seed = 123;
+  const OptionEntry table[] = {{&h, nullptr, nullptr, nullptr, "[ h ]"},
+                               {nullptr, &seed, nullptr, nullptr, "[ seed <> Size ]"}, EndRow()};
+  Args a({"-h", "x"});
+  EXPECT_EQ(OptionsParse(table, nullptr), 0u);
+  EXPECT_EQ(h, 1u);
+  EXPECT_EQ(seed, 123u);
+  Args b({"-seed", "99"});
+  EXPECT_EQ(OptionsParse(table, nullptr), 0u);
+  EXPECT_EQ(seed, 99u);
 }
 
 }  // namespace
