@@ -3,6 +3,7 @@
 #include "platform/imageio/imageio.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -112,9 +113,126 @@ void FreeHandle(ImageioHandle *h) {
   delete h;
 }
 
+uint32_t FailErrno(ImageioHandle *h, uint32_t code, int err, const char *text = "") {
+  uint32_t st = ExceptionPushMsg(code, text, nullptr);
+  ExceptionSetPath(h->path.c_str());
+  ExceptionSetErrno(err);
+  return st;
+}
+
 bool UseMap(const ImageioHandle *h) { return !(h->caps & ImageioCapRead); }
 
-bool Direct(const ImageioHandle *h) { return h->map && h->conv == ImageioConvNone && !h->fortran; }
+// Elements handed out in place must be aligned for their component type: data that starts at an
+// odd offset (an MRC extended header of odd size, an NPY header of unusual length) goes through the
+// buffer instead. The mapping itself is page-aligned.
+bool Direct(const ImageioHandle *h) {
+  if (!h->map || h->conv != ImageioConvNone || h->fortran) return false;
+  uint32_t components = (h->type >> 12) & 0xf;
+  uint32_t align = components > 1 ? h->esize / components : h->esize;
+  return align == 0 || h->data_offset % align == 0;
+}
+
+// The file must still hold all of its data before a block of it is handed out: another program may
+// have truncated it, and touching mapped pages past its end would fault (reads would come up short).
+uint32_t CheckSize(ImageioHandle *h) {
+  uint32_t code = h->mode == 3 ? E_IMAGEIO_WRITE : E_IMAGEIO_READ;
+  struct stat st;
+  if (fstat(h->fd, &st) != 0) return FailErrno(h, code, errno);
+  uint64_t size = static_cast<uint64_t>(st.st_size), end = h->data_offset + h->count * h->file_esize;
+  if (size >= end) return 0;
+  return ImageioFail(h, code,
+                     (" (the file shrank while in use: " + Num(end) + " bytes needed, " + Num(size) + " found)").c_str());
+}
+
+// ---- the guard for faults on mapped files ----
+// Pages of a mapped file that another program truncates (or whose storage cannot be allocated) fault
+// with SIGBUS when touched, wherever the touching code is. The guard turns such a fault inside one of
+// this library's mappings into an error line naming the file, removes the temporary files of images
+// being created, and ends the process with status 1. Other SIGBUS faults go to the previous handler.
+struct sigaction gPrevBus;
+
+void PutText(const char *s) {
+  size_t n = std::strlen(s);
+  while (n > 0) {
+    ssize_t r = write(2, s, n);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return;
+    s += r;
+    n -= static_cast<size_t>(r);
+  }
+}
+
+void OnBus(int sig, siginfo_t *info, void *) {
+  auto *addr = static_cast<unsigned char *>(info->si_addr);
+  const ImageioHandle *hit = nullptr;
+  if (info->si_code > 0)
+    for (const ImageioHandle *h : LiveHandles())
+      if (h->map && addr >= h->map && addr < h->map + h->map_len) hit = h;
+  if (!hit) {
+    sigaction(SIGBUS, &gPrevBus, nullptr);
+    // A fault is raised again when the access is retried; a sent signal is not.
+    if (info->si_code <= 0) raise(sig);
+    return;
+  }
+  // fstat is safe here: it tells a truncated file from one whose storage failed.
+  struct stat st;
+  bool shrank = fstat(hit->fd, &st) == 0 && static_cast<uint64_t>(st.st_size) < hit->map_len;
+  PutText(Main ? Main : "zvcompute");
+  PutText(hit->mode == 3 ? ": write error" : ": read error");
+  PutText(shrank ? " (the file shrank while it was mapped): "
+                 : hit->mode == 3 ? " (no storage for the mapped data): " : " (the mapped data could not be read): ");
+  PutText(hit->path.c_str());
+  PutText("\n");
+  for (const ImageioHandle *h : LiveHandles())
+    if (h->mode == 3 && !h->temp.empty()) unlink(h->temp.c_str());
+  _exit(1);
+}
+
+// Installed with every new mapping unless it is in place already (someone may have replaced it).
+void InstallBusGuard() {
+  struct sigaction sa;
+  if (sigaction(SIGBUS, nullptr, &sa) == 0 && (sa.sa_flags & SA_SIGINFO) && sa.sa_sigaction == OnBus) return;
+  std::memset(&sa, 0, sizeof sa);
+  sa.sa_sigaction = OnBus;
+  sa.sa_flags = SA_SIGINFO;
+  sigemptyset(&sa.sa_mask);
+  sigaction(SIGBUS, &sa, &gPrevBus);
+}
+
+// ---- the pages of a mapped block ----
+// A block handed out from the mapping has its pages made present in one call (far cheaper than one
+// fault per page, and the destination of a new file is written without faults), and they are dropped
+// from the process when the block ends: the data stays in the page cache, but resident memory stays
+// at about one block per image however large the image is.
+void MappedRange(const ImageioHandle *h, uint64_t first, uint64_t count, unsigned char **start, size_t *len) {
+  const uintptr_t page = 4096;
+  uintptr_t a = reinterpret_cast<uintptr_t>(h->map + h->data_offset + first * h->esize);
+  uintptr_t b = a + count * h->esize;
+  a &= ~(page - 1);
+  b = (b + page - 1) & ~(page - 1);
+  *start = reinterpret_cast<unsigned char *>(a);
+  *len = b - a;
+}
+
+void PopulateBlock(const ImageioHandle *h, uint64_t first, uint64_t count, bool write) {
+  unsigned char *a;
+  size_t n;
+  MappedRange(h, first, count, &a, &n);
+#ifdef MADV_POPULATE_WRITE
+  // Failure only means the pages come in by faults instead.
+  madvise(a, n, write ? MADV_POPULATE_WRITE : MADV_POPULATE_READ);
+#else
+  (void)a, (void)n, (void)write;
+#endif
+}
+
+void ReleaseBlock(const ImageioHandle *h, uint64_t first, uint64_t count) {
+  unsigned char *a;
+  size_t n;
+  MappedRange(h, first, count, &a, &n);
+  // Shared file pages: written data stays in the page cache and reaches the file.
+  madvise(a, n, MADV_DONTNEED);
+}
 
 uint32_t EnsureBuffer(ImageioHandle *h, uint64_t bytes) {
   if (bytes <= h->buf_cap) return 0;
@@ -324,7 +442,7 @@ void AccumulateBlock(ImageioStats &s, uint32_t type, const void *p, uint64_t n) 
 
 // A block's address for internal passes: direct, or converted into the buffer.
 void *Peek(ImageioHandle *h, uint64_t first, uint64_t count, uint32_t *st) {
-  *st = 0;
+  if ((*st = CheckSize(h))) return nullptr;
   if (Direct(h)) return h->map + h->data_offset + first * h->esize;
   if ((*st = EnsureBuffer(h, count * h->esize))) return nullptr;
   if ((*st = Fill(h, first, count, h->buf))) return nullptr;
@@ -349,11 +467,26 @@ void *Begin(ImageioHandle *h, uint64_t first, uint64_t count, bool write) {
                 (" (elements " + Num(first) + " + " + Num(count) + " of " + Num(h->count) + ")").c_str());
     return nullptr;
   }
+  if (h->mode == 2 && !h->written) {
+    // From the first block on, the data of a file rewritten in place may change (a mapped block is
+    // written as the caller fills it): header statistics are marked undetermined until the close
+    // puts the final ones, so that a run that dies half-way leaves no stale statistics behind.
+    h->written = true;
+    if (h->ops->keeps_stats) {
+      if (h->ops->write_header(h, false)) return nullptr;
+      if ((h->caps & ImageioCapSync) && fdatasync(h->fd) != 0) {
+        FailErrno(h, E_IMAGEIO_WRITE, errno);
+        return nullptr;
+      }
+    }
+  }
+  if (count > 0 && CheckSize(h)) return nullptr;
   void *p;
   if (count == 0) {
     p = gEmptyBlock;
   } else if (Direct(h)) {
     p = h->map + h->data_offset + first * h->esize;
+    PopulateBlock(h, first, count, write || h->mode == 2);
   } else {
     if (EnsureBuffer(h, count * h->esize)) return nullptr;
     // A write block of a read-write image starts from the stored data, as a mapped one would.
@@ -374,13 +507,6 @@ uint32_t CheckHeld(ImageioHandle *h, uint64_t first, uint64_t count, void *buffe
   if (!h->held || h->held_first != first || h->held_count != count || h->held_ptr != buffer)
     return ImageioFail(h, E_IMAGEIO, " (the block handed back is not the block in use)");
   return 0;
-}
-
-uint32_t FailErrno(ImageioHandle *h, uint32_t code, int err, const char *text = "") {
-  uint32_t st = ExceptionPushMsg(code, text, nullptr);
-  ExceptionSetPath(h->path.c_str());
-  ExceptionSetErrno(err);
-  return st;
 }
 
 uint32_t CheckDesc(const ImageDesc *desc, const char *path) {
@@ -498,6 +624,7 @@ ImageioHandle *Open(const char *path, ImageDesc *desc, const ImageioParam *param
     } else {
       h->map = static_cast<unsigned char *>(m);
       h->map_len = end;
+      InstallBusGuard();
     }
   }
   desc->dim = h->dim;
@@ -521,7 +648,10 @@ uint32_t SyncDir(const std::string &target) {
 
 // Header, history and statistics of a file at close (created and kept, or rewritten in place).
 uint32_t Finish(ImageioHandle *h) {
-  if (h->ops->keeps_history) ImageioAppendHistory(h, 10);
+  // A file rewritten in place records the command only when every element was rewritten: a run that
+  // failed part-way leaves a file that the command did not make.
+  bool complete = h->mode == 3 || (h->in_order && h->next_write == h->count);
+  if (h->ops->keeps_history && complete) ImageioAppendHistory(h, 10);
   if (h->ops->write_header) return h->ops->write_header(h, true);
   return 0;
 }
@@ -817,6 +947,7 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
     if (m != MAP_FAILED) {
       h->map = static_cast<unsigned char *>(m);
       h->map_len = end;
+      InstallBusGuard();
     }
   }
   h->marked = (param->flags & ImageioFlagDel) ? 1 : 0;
@@ -892,6 +1023,8 @@ void *ImageioBeginWrite(ImageioHandle *handle, uint64_t first, uint64_t count) {
 uint32_t ImageioEndRead(ImageioHandle *handle, uint64_t first, uint64_t count, void *buffer) {
   if (uint32_t st = CheckHeld(handle, first, count, buffer)) return st;
   handle->held = false;
+  // A read-write image's block is released by its end-write.
+  if (count > 0 && handle->mode == 1 && Direct(handle)) ReleaseBlock(handle, first, count);
   return 0;
 }
 
@@ -900,16 +1033,18 @@ uint32_t ImageioEndWrite(ImageioHandle *h, uint64_t first, uint64_t count, void 
   h->held = false;
   if (h->mode == 1) return ImageioFail(h, E_IMAGEIO_WRITE, " (the image is open for reading only)");
   h->written = true;
-  if (h->ops->keeps_stats) {
-    if (h->in_order && first == h->next_write) {
-      AccumulateBlock(h->stats, h->type, buffer, count);
-      h->next_write += count;
-    } else {
-      h->in_order = false;
-    }
+  if (h->in_order && first == h->next_write) {
+    if (h->ops->keeps_stats) AccumulateBlock(h->stats, h->type, buffer, count);
+    h->next_write += count;
+  } else {
+    h->in_order = false;
   }
   // A mapped block was written in place.
-  if (count == 0 || Direct(h)) return 0;
+  if (count == 0) return 0;
+  if (Direct(h)) {
+    ReleaseBlock(h, first, count);
+    return 0;
+  }
   return Store(h, first, count, static_cast<unsigned char *>(buffer));
 }
 

@@ -269,6 +269,9 @@ uint32_t WriteHeader(ImageioHandle *h, bool final) {
       std::memcpy(hd + kLabels + kLabelBytes * i, s.data(), std::min(s.size(), kLabelBytes));
     }
     ImageioPut32(hd + kNlabl, static_cast<uint32_t>(lines), big);
+  } else if (h->mode == 2) {
+    // A file about to be rewritten in place: its statistics no longer hold until the close.
+    PutNoStats(hd, big);
   }
   return ImageioWriteAt(h, 0, hd, 1024);
 }
