@@ -10,6 +10,7 @@ Only the standard library is used. Existing files of the same name are replaced;
 (crash-*) are left alone.
 """
 import os
+import shutil
 import struct
 import subprocess
 import sys
@@ -187,6 +188,7 @@ def main():
              "[ p : 2 Real ]", "[ v Offset -3:3 ]", "[ files 1:3 String ]", "[ x 2: Real ]"]
     for i, d in enumerate(decls):
         save("option_decl", "decl%02d" % i, d.encode())
+    shutil.rmtree(tmp)
 
 
 main()
