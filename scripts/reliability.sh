@@ -4,19 +4,7 @@
 # are cores. Fails on any test failure, crash, leak, hang or sanitizer report.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh
-missing=()
-for p in clang libclang-rt-14-dev; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "installing: ${missing[*]}"
-  SUDO=""
-  [ "$(id -u)" -eq 0 ] || SUDO=sudo
-  export DEBIAN_FRONTEND=noninteractive
-  $SUDO apt-get update -qq
-  $SUDO apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+bash scripts/deps.sh clang libclang-rt-14-dev
 jobs=$(nproc)
 seconds=${ZV_FUZZ_SECONDS:-60}
 targets=(zv mrc npy auto option_args option_decl)
