@@ -4,34 +4,30 @@
 
 namespace {
 
-using Dims = std::vector<uint64_t>;
-
 // An .npy file of the given version and dict text, padded the way writers do, then the data bytes.
 std::string Npy(const std::string &dict, const std::string &data, int major = 1) {
-  size_t pre = major == 1 ? 10 : 12;
-  size_t total = (pre + dict.size() + 1 + 63) / 64 * 64;
-  size_t hlen = total - pre;
-  std::string s = "\x93NUMPY";
-  s += static_cast<char>(major);
-  s += '\0';
-  for (size_t i = 0; i < pre - 8; ++i) s += static_cast<char>((hlen >> (8 * i)) & 0xff);
-  s += dict;
-  s.append(total - s.size() - 1, ' ');
-  s += '\n';
-  return s + data;
+  size_t pre = major == 1 ? 10 : 12, total = (pre + dict.size() + 1 + 63) / 64 * 64;
+  std::string s = "\x93NUMPY" + std::string{static_cast<char>(major), 0};
+  for (size_t i = 0; i < pre - 8; ++i) s += static_cast<char>(((total - pre) >> (8 * i)) & 0xff);
+  return s + dict + std::string(total - s.size() - dict.size() - 1, ' ') + "\n" + data;
+}
+std::string Dict(const char *descr, const char *shape, const char *fortran = "False") {
+  return std::string("{'descr': '") + descr + "', 'fortran_order': " + fortran + ", 'shape': " + shape + ", }";
 }
 
-template <class T>
-std::string Bytes(const std::vector<T> &v) {
-  return std::string(reinterpret_cast<const char *>(v.data()), v.size() * sizeof(T));
-}
-
-TEST_F(ImageioTest, NpyRoundTripAndHeaderLayout) {
+TEST_F(ImageioTest, NpyRoundTripEveryTypeAndShape) {
   for (uint32_t type : kAllTypes) {
-    if (type == TypeImag32 || type == TypeImag64) continue;
-    for (const Dims &dims : std::vector<Dims>{{6}, {4, 3}, {4, 3, 2}, {2, 3, 1, 2}, {0, 3}}) {
+    for (const Dims &dims : kShapes) {
       auto data = Pattern(type, Count(dims), type);
       std::string path = dir / "a.npy";
+      if (type == TypeImag32 || type == TypeImag64) {  // no numpy type: refused, pointing elsewhere
+        ImageDesc d{dims.size(), const_cast<uint64_t *>(dims.data()), 0, type, 0};
+        EXPECT_EQ(ImageioCreate(path.c_str(), &d, &ImageioParamDefault), nullptr);
+        EXPECT_NE(LastError().find("native format"), std::string::npos) << LastError();
+        ExpectError(E_IMAGEIO_TYPE, TypeIdent(type));
+        EXPECT_FALSE(FileExists(path));
+        continue;
+      }
       ASSERT_TRUE(WriteWith(path, type, dims, data.data(), ImageioParamDefault)) << LastError();
       std::string s = ReadFileBytes(path);
       ASSERT_EQ(s.substr(0, 8), std::string("\x93NUMPY\x01\x00", 8));
@@ -40,92 +36,53 @@ TEST_F(ImageioTest, NpyRoundTripAndHeaderLayout) {
       EXPECT_EQ(s[9 + hlen], '\n');
       EXPECT_EQ(s.size(), 10 + hlen + data.size());
       TestImage r = ReadImage(path);
-      EXPECT_EQ(r.type, type);
-      EXPECT_EQ(r.dims, dims);
-      EXPECT_EQ(r.data, data);
+      EXPECT_TRUE(r.type == type && r.dims == dims && r.data == data) << type << " " << dims.size();
+      std::remove(path.c_str());
     }
   }
-  std::vector<float> v(24);
-  WriteImage(dir / "s.npy", TypeReal32, {4, 3, 2}, v);
-  EXPECT_NE(ReadFileBytes(dir / "s.npy").find("{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3, 4), }"),
-            std::string::npos);
-  WriteImage(dir / "one.npy", TypeCmplx64, {5}, std::vector<double>(10));
-  EXPECT_NE(ReadFileBytes(dir / "one.npy").find("'descr': '<c16', 'fortran_order': False, 'shape': (5,), }"),
-            std::string::npos);
-  WriteImage(dir / "b.npy", TypeUint8, {1}, std::vector<uint8_t>{1});
-  EXPECT_NE(ReadFileBytes(dir / "b.npy").find("'|u1'"), std::string::npos);
-}
-
-TEST_F(ImageioTest, NpyRefusesImaginary) {
-  Dims dims = {2};
-  for (uint32_t t : {TypeImag32, TypeImag64}) {
-    ImageDesc d{1, dims.data(), 0, t, 0};
-    EXPECT_EQ(ImageioCreate((dir / "i.npy").c_str(), &d, &ImageioParamDefault), nullptr);
-    EXPECT_EQ(ExceptionGet(1), E_IMAGEIO_TYPE);
-    EXPECT_NE(LastError().find("native format"), std::string::npos) << LastError();
-    EXPECT_NE(LastError().find(TypeIdent(t)), std::string::npos) << LastError();
-    ExceptionClear();
-  }
-  EXPECT_TRUE(ListDir(dir.path).empty());
+  // The shape lists the slowest axis first.
+  WriteImage(dir / "s.npy", TypeReal32, {4, 3, 2}, std::vector<float>(24));
+  EXPECT_EQ(ReadFileBytes(dir / "s.npy").find(Dict("<f4", "(2, 3, 4)")), 10u);
 }
 
 TEST_F(ImageioTest, NpyVersionsByteOrderAndKinds) {
   std::vector<int32_t> v = {1, -2, 3, -4, 5, -6};
-  std::string le = Bytes(v), be;
-  for (int32_t x : v) {
-    uint32_t u = __builtin_bswap32(static_cast<uint32_t>(x));
-    be.append(reinterpret_cast<const char *>(&u), 4);
-  }
-  const std::string dict = "{'descr': '<i4', 'fortran_order': False, 'shape': (2, 3), }";
   for (int major : {1, 2, 3}) {
-    WriteFileBytes(dir / "v.npy", Npy(dict, le, major));
+    WriteFileBytes(dir / "v.npy", Npy(Dict("<i4", "(2, 3)"), Bytes(v), major));
     TestImage r = ReadImage(dir / "v.npy");
     EXPECT_EQ(r.dims, (Dims{3, 2})) << major;
     EXPECT_EQ(r.as<int32_t>(), v);
   }
   // Big-endian, odd spacing, double quotes, old-style L suffixes, no final newline, trailing bytes.
-  std::string raw("\x93NUMPY\x01\x00", 8);
+  std::string be;
+  for (int32_t x : v) for (int k = 3; k >= 0; --k) be += static_cast<char>(static_cast<uint32_t>(x) >> (8 * k));
   std::string hdr = "{\"shape\":(2L,3L),\"descr\":\">i4\",   \"fortran_order\" : False}";
-  raw += static_cast<char>(hdr.size());
-  raw += '\0';
-  WriteFileBytes(dir / "be.npy", raw + hdr + be + "extra");
-  for (uint32_t caps : {0u, ImageioCapCheck("read")}) {
+  WriteFileBytes(dir / "be.npy", std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>(hdr.size()) + '\0' + hdr + be + "extra");
+  for (const char *caps : {"mmap", "read"}) {
     ImageDesc d{};
     ImageioHandle *h = OpenRead(dir / "be.npy", &d, nullptr, caps);
     ASSERT_NE(h, nullptr) << LastError();
+    std::string le = Bytes(v);
     EXPECT_EQ(ReadBlock(h, TypeInt32, 1, 4), std::vector<unsigned char>(le.begin() + 4, le.begin() + 20));
     ImageioClose(h);
   }
-  // Big-endian in place stays big-endian.
-  ImageDesc d{};
-  ImageioHandle *h = ImageioOpenReadWrite((dir / "be.npy").c_str(), &d, &ImageioParamDefault);
-  ASSERT_NE(h, nullptr);
-  auto *b = static_cast<int32_t *>(ImageioBeginRead(h, 0, 6));
-  b[5] = 0x01020304;
-  ImageioEndWrite(h, 0, 6, b);
-  ImageioClose(h);
+  // In place it stays big-endian.
+  ASSERT_EQ(Rewrite<int32_t>(dir / "be.npy", 5, 1, [](int32_t) { return 0x01020304; }), 0u);
   std::string after = ReadFileBytes(dir / "be.npy");
   EXPECT_EQ(after.substr(after.size() - 9, 4), std::string("\x01\x02\x03\x04", 4));
-  // bool, float16, 0-d, extra leading axes of length 1.
-  WriteFileBytes(dir / "b1.npy", Npy("{'descr': '|b1', 'fortran_order': False, 'shape': (3,), }", std::string("\x01\x00\x01", 3)));
+  // bool, float16 (read only), 0-d, extra leading axes of length 1 but not more than four others.
+  WriteFileBytes(dir / "b1.npy", Npy(Dict("|b1", "(3,)"), std::string("\x01\x00\x01", 3)));
   EXPECT_EQ(ReadImage(dir / "b1.npy").as<uint8_t>(), (std::vector<uint8_t>{1, 0, 1}));
-  std::vector<uint16_t> half = {0x3c00, 0xbc00, 0x7bff};
-  WriteFileBytes(dir / "f2.npy", Npy("{'descr': '<f2', 'fortran_order': False, 'shape': (3,), }", Bytes(half)));
+  WriteFileBytes(dir / "f2.npy", Npy(Dict("<f2", "(3,)"), Bytes(std::vector<uint16_t>{0x3c00, 0xbc00, 0x7bff})));
   TestImage r = ReadImage(dir / "f2.npy");
   EXPECT_EQ(r.type, TypeReal32);
   EXPECT_EQ(r.as<float>(), (std::vector<float>{1.0f, -1.0f, 65504.0f}));
-  EXPECT_EQ(ImageioOpenReadWrite((dir / "f2.npy").c_str(), &d, &ImageioParamDefault), nullptr);
-  EXPECT_EQ(ExceptionGet(1), E_IMAGEIO_TYPE);
-  ExceptionClear();
-  WriteFileBytes(dir / "s0.npy", Npy("{'descr': '<f8', 'fortran_order': False, 'shape': (), }", Bytes(std::vector<double>{2.5})));
-  r = ReadImage(dir / "s0.npy");
-  EXPECT_EQ(r.dims, Dims{1});
-  EXPECT_EQ(r.as<double>(), std::vector<double>{2.5});
-  WriteFileBytes(dir / "s6.npy", Npy("{'descr': '|u1', 'fortran_order': False, 'shape': (1, 1, 2, 1, 3, 2), }",
-                                     std::string(12, '\x07')));
+  EXPECT_EQ(Rewrite<float>(dir / "f2.npy", 0, 1, [](float x) { return x; }), E_IMAGEIO_TYPE);
+  WriteFileBytes(dir / "s0.npy", Npy(Dict("<f8", "()"), Bytes(std::vector<double>{2.5})));
+  EXPECT_EQ(ReadImage(dir / "s0.npy").dims, Dims{1});
+  WriteFileBytes(dir / "s6.npy", Npy(Dict("|u1", "(1, 1, 2, 1, 3, 2)"), std::string(12, '\x07')));
   EXPECT_EQ(ReadImage(dir / "s6.npy").dims, (Dims{2, 3, 1, 2}));
-  WriteFileBytes(dir / "s5.npy", Npy("{'descr': '|u1', 'fortran_order': False, 'shape': (2, 1, 1, 1, 2), }",
-                                     std::string(4, '\x07')));
+  WriteFileBytes(dir / "s5.npy", Npy(Dict("|u1", "(2, 1, 1, 1, 2)"), std::string(4, '\x07')));
   ExpectOpenFails(dir / "s5.npy", E_IMAGEIO_DIM, "5 axes");
 }
 
@@ -135,88 +92,51 @@ TEST_F(ImageioTest, NpyColumnMajorReadAndRewrite) {
   for (int k = 0; k < 4; ++k)
     for (int j = 0; j < 3; ++j)
       for (int i = 0; i < 2; ++i) fortran.push_back(static_cast<int16_t>(100 * i + 10 * j + k));
-  for (int i = 0; i < 2; ++i)
-    for (int j = 0; j < 3; ++j)
-      for (int k = 0; k < 4; ++k) c_order.push_back(static_cast<int16_t>(100 * i + 10 * j + k));
-  WriteFileBytes(dir / "f.npy", Npy("{'descr': '<i2', 'fortran_order': True, 'shape': (2, 3, 4), }", Bytes(fortran)));
-  for (uint32_t caps : {0u, ImageioCapCheck("read")}) {
+  for (int i = 0; i < 24; ++i) c_order.push_back(static_cast<int16_t>(100 * (i / 12) + 10 * (i / 4 % 3) + i % 4));
+  WriteFileBytes(dir / "f.npy", Npy(Dict("<i2", "(2, 3, 4)", "True"), Bytes(fortran)));
+  for (const char *caps : {"mmap", "read"}) {
     ImageDesc d{};
     ImageioHandle *h = OpenRead(dir / "f.npy", &d, nullptr, caps);
     ASSERT_NE(h, nullptr) << LastError();
     EXPECT_EQ(Dims(d.len, d.len + d.dim), (Dims{4, 3, 2}));
-    // Blocks that start and end inside rows.
-    for (uint64_t first : {0u, 5u, 13u}) {
-      auto got = ReadBlock(h, TypeInt16, first, 9);
-      std::vector<int16_t> g(9);
-      std::memcpy(g.data(), got.data(), 18);
-      EXPECT_EQ(g, std::vector<int16_t>(c_order.begin() + static_cast<long>(first),
-                                        c_order.begin() + static_cast<long>(first) + 9));
-    }
+    for (long first : {0, 5, 13})  // blocks that start and end inside rows
+      EXPECT_EQ(ReadBlock(h, TypeInt16, first, 9), (std::vector<unsigned char>(
+          reinterpret_cast<unsigned char *>(&c_order[first]), reinterpret_cast<unsigned char *>(&c_order[first + 9]))));
     ImageioClose(h);
   }
-  // In place: elements go back to their column-major places.
-  ImageDesc d{};
-  ImageioHandle *h = ImageioOpenReadWrite((dir / "f.npy").c_str(), &d, &ImageioParamDefault);
-  ASSERT_NE(h, nullptr);
-  auto *b = static_cast<int16_t *>(ImageioBeginRead(h, 4, 8));
-  for (int i = 0; i < 8; ++i) b[i] = static_cast<int16_t>(-b[i]);
-  ASSERT_EQ(ImageioEndWrite(h, 4, 8, b), 0u);
-  ImageioClose(h);
+  // In place the elements go back to their column-major places.
+  ASSERT_EQ(Rewrite<int16_t>(dir / "f.npy", 4, 8, [](int16_t x) { return static_cast<int16_t>(-x); }), 0u);
   for (size_t i = 4; i < 12; ++i) c_order[i] = static_cast<int16_t>(-c_order[i]);
   EXPECT_EQ(ReadImage(dir / "f.npy").as<int16_t>(), c_order);
-  // A column-major vector is the same as a row-major one.
-  WriteFileBytes(dir / "v.npy", Npy("{'descr': '<i2', 'fortran_order': True, 'shape': (1, 3), }",
-                                    Bytes(std::vector<int16_t>{1, 2, 3})));
+  WriteFileBytes(dir / "v.npy", Npy(Dict("<i2", "(1, 3)", "True"), Bytes(std::vector<int16_t>{1, 2, 3})));
   EXPECT_EQ(ReadImage(dir / "v.npy").as<int16_t>(), (std::vector<int16_t>{1, 2, 3}));
 }
 
+const std::string kData(24, '\0');  // 2 x 3 float32
+
 TEST_F(ImageioTest, NpyMalformedHeaders) {
-  const std::string data(24, '\0');
-  auto file = [&](const char *name, const std::string &dict, int major = 1) {
-    WriteFileBytes(dir / name, Npy(dict, data, major));
-    return dir / name;
-  };
-  const char *msg = "NPY header";
-  ExpectOpenFails(file("k1.npy", "{'descr': '<f4', 'shape': (2, 3), }"), E_IMAGEIO_HEADER, "missing key");
-  ExpectOpenFails(file("k2.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), 'x': 1}"),
-                  E_IMAGEIO_HEADER, "'x'");
-  ExpectOpenFails(file("k3.npy", "{'descr': '<f4', 'descr': '<f4', 'fortran_order': False, 'shape': (2, 3)}"),
-                  E_IMAGEIO_HEADER, "repeated");
-  ExpectOpenFails(file("s1.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (2, -3), }"), E_IMAGEIO_HEADER,
-                  "negative");
-  ExpectOpenFails(file("s2.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (2.5, 3), }"), E_IMAGEIO_HEADER,
-                  "shape");
-  ExpectOpenFails(file("s3.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': [2, 3], }"), E_IMAGEIO_HEADER,
-                  "tuple");
-  ExpectOpenFails(file("s4.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (99999999999999999999, 3), }"),
-                  E_IMAGEIO_SIZE, "overflow");
-  ExpectOpenFails(file("s5.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (4294967296, 4294967296), }"),
-                  E_IMAGEIO_SIZE, "overflow");
-  ExpectOpenFails(file("f1.npy", "{'descr': '<f4', 'fortran_order': 0, 'shape': (2, 3), }"), E_IMAGEIO_HEADER,
-                  "True or False");
-  ExpectOpenFails(file("d1.npy", "{'descr': '<U4', 'fortran_order': False, 'shape': (2, 3), }"), E_IMAGEIO_TYPE,
-                  "'<U4'");
-  ExpectOpenFails(file("d2.npy", "{'descr': [('a', '<f4')], 'fortran_order': False, 'shape': (2, 3), }"),
-                  E_IMAGEIO_HEADER, "descr");
-  ExpectOpenFails(file("d3.npy", "{'descr': 'f4', 'fortran_order': False, 'shape': (2, 3), }"), E_IMAGEIO_TYPE,
-                  "not supported");
-  ExpectOpenFails(file("t1.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), } x"), E_IMAGEIO_HEADER,
-                  "after the dict");
-  ExpectOpenFails(file("t2.npy", "{'descr': '<f4' 'fortran_order': False, 'shape': (2, 3), }"), E_IMAGEIO_HEADER,
-                  msg);
-  ExpectOpenFails(file("t3.npy", "['descr', '<f4']"), E_IMAGEIO_HEADER, "not a dict");
-  ExpectOpenFails(file("big.npy", "{'descr': '<f8', 'fortran_order': False, 'shape': (2, 3), }"), E_IMAGEIO_READ,
-                  "shorter than its header says");
-  ExpectOpenFails(file("ver.npy", "{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), }", 4),
-                  E_IMAGEIO_HEADER, "version 4");
-  std::string s = Npy("{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), }", data);
-  s[8] = '\xff';
-  s[9] = '\x7f';
-  WriteFileBytes(dir / "len.npy", s);
-  ExpectOpenFails(dir / "len.npy", E_IMAGEIO_HEADER, "past the end");
-  WriteFileBytes(dir / "cut.npy", s.substr(0, 9));
-  ExpectOpenFails(dir / "cut.npy", E_IMAGEIO_HEADER, "too short");
-  ExpectOpenFails(dir / "cut.npy", E_IMAGEIO_HEADER, "too short", "npy");
+  const std::string good = Npy(Dict("<f4", "(2, 3)"), kData);
+  ExpectHostile(dir, good, ".npy", {
+      {[](std::string &s) { s = Npy("{'descr': '<f4', 'shape': (2, 3), }", kData); }, E_IMAGEIO_HEADER, "missing key"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(2, 3)") + "'x': 1}", kData); }, E_IMAGEIO_HEADER, "after the dict"},
+      {[](std::string &s) { s = Npy("{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), 'x': 1}", kData); }, E_IMAGEIO_HEADER, "'x'"},
+      {[](std::string &s) { s = Npy("{'descr': '<f4', 'descr': '<f4', 'fortran_order': False, 'shape': (2, 3)}", kData); }, E_IMAGEIO_HEADER, "repeated"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(2, -3)"), kData); }, E_IMAGEIO_HEADER, "negative"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(2.5, 3)"), kData); }, E_IMAGEIO_HEADER, "shape"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "[2, 3]"), kData); }, E_IMAGEIO_HEADER, "tuple"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(99999999999999999999, 3)"), kData); }, E_IMAGEIO_SIZE, "overflow"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(4294967296, 4294967296)"), kData); }, E_IMAGEIO_SIZE, "overflow"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(2, 3)", "0"), kData); }, E_IMAGEIO_HEADER, "True or False"},
+      {[](std::string &s) { s = Npy(Dict("<U4", "(2, 3)"), kData); }, E_IMAGEIO_TYPE, "'<U4'"},
+      {[](std::string &s) { s = Npy("{'descr': [('a', '<f4')], 'fortran_order': False, 'shape': (2, 3), }", kData); }, E_IMAGEIO_HEADER, "descr"},
+      {[](std::string &s) { s = Npy(Dict("f4", "(2, 3)"), kData); }, E_IMAGEIO_TYPE, "not supported"},
+      {[](std::string &s) { s = Npy("{'descr': '<f4' 'fortran_order': False, 'shape': (2, 3), }", kData); }, E_IMAGEIO_HEADER, "NPY header"},
+      {[](std::string &s) { s = Npy("['descr', '<f4']", kData); }, E_IMAGEIO_HEADER, "not a dict"},
+      {[](std::string &s) { s = Npy(Dict("<f8", "(2, 3)"), kData); }, E_IMAGEIO_READ, "shorter than its header"},
+      {[](std::string &s) { s[6] = 4; }, E_IMAGEIO_HEADER, "version 4"},
+      {[](std::string &s) { s[8] = '\xff', s[9] = '\x7f'; }, E_IMAGEIO_HEADER, "past the end"},
+      {[](std::string &s) { s.resize(9); }, E_IMAGEIO_HEADER, "too short"}});
+  ExpectOpenFails(dir / "h18.npy", E_IMAGEIO_HEADER, "too short", "npy");
 }
 
 }  // namespace
