@@ -165,8 +165,9 @@ bool NeedsWholeBlock(Kernel k) { return k == ComputeZeromean || k == ComputeRmsN
 // Calls the kernel on one block, in pieces that stay in cache between a kernel's passes (the
 // conversion of the first operand, then the combination with the second). Returns 1 when the run
 // must end.
-int RunKernel(Kernel kernel, bool binary, bool array2, const void *s1, ElementType t1, const void *s2,
-              ElementType t2, uint64_t n, void *dst, ElementType td) {
+// A unary form passes a null second operand of type 0.
+int RunKernel(Kernel kernel, bool array2, const void *s1, ElementType t1, const void *s2, ElementType t2,
+              uint64_t n, void *dst, ElementType td) {
   const uint64_t piece = NeedsWholeBlock(kernel) ? n : ComputePieceSize;
   const auto *p1 = static_cast<const unsigned char *>(s1);
   const auto *p2 = static_cast<const unsigned char *>(s2);
@@ -174,9 +175,8 @@ int RunKernel(Kernel kernel, bool binary, bool array2, const void *s1, ElementTy
   for (uint64_t done = 0; done < n; done += piece) {
     uint64_t m = n - done < piece ? n - done : piece;
     const void *a = p1 + done * TypeSize(t1);
-    const void *b = binary && array2 ? static_cast<const void *>(p2 + done * TypeSize(t2)) : s2;
-    uint32_t st = binary ? kernel(array2, a, t1, b, t2, m, pd + done * TypeSize(td), td)
-                         : kernel(0, a, t1, nullptr, 0, m, pd + done * TypeSize(td), td);
+    const void *b = array2 ? static_cast<const void *>(p2 + done * TypeSize(t2)) : s2;
+    uint32_t st = kernel(array2, a, t1, b, t2, m, pd + done * TypeSize(td), td);
     if (st && ExceptionPush(st)) return 1;
   }
   return 0;
@@ -318,7 +318,7 @@ int Run(int argc, char **argv) {
     const void *s2 = number ? number : bcast2;
     if (count2 && count2 == total && !(s2 = ImageioBeginRead(src2_slot->handle, offset, n))) return 1;
 
-    if (RunKernel(kernel, c.binary, count2 != 0, s1, desc1.type, s2, desc2.type, n, dbuf, dst_type)) return 1;
+    if (RunKernel(kernel, count2 != 0, s1, desc1.type, s2, desc2.type, n, dbuf, dst_type)) return 1;
 
     if (count2 && count2 == total && ImageioEndRead(src2_slot->handle, offset, n, const_cast<void *>(s2))) return 1;
     if (count1 && count1 == total && ImageioEndRead(src1_slot->handle, offset, n, const_cast<void *>(s1))) return 1;

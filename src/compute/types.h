@@ -6,8 +6,6 @@
 
 using ElementType = uint32_t;
 
-// Class byte of a type code.
-inline constexpr uint32_t TypeClass(ElementType t) { return (t >> 16) & 0xff; }
 inline constexpr bool IsIntegerType(ElementType t) { return (t == TypeUint8 || t == TypeUint16 || t == TypeUint32 || t == TypeUint64 || t == TypeInt8 || t == TypeInt16 || t == TypeInt32 || t == TypeInt64); }
 inline constexpr bool IsImagType(ElementType t) { return t == TypeImag32 || t == TypeImag64; }
 inline constexpr bool IsCmplxType(ElementType t) { return t == TypeCmplx32 || t == TypeCmplx64; }

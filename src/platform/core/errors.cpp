@@ -26,13 +26,6 @@ struct PendingError {
   std::string report;  // the line as printed, rebuilt by ExceptionText
 };
 
-// The core library's own codes need no registration.
-const ErrorEntry kCoreErrors[] = {
-    {"E_ARGUMENT", "missing argument"},      // 264
-    {"E_MEMORY", "out of memory"},           // 265
-    {nullptr, nullptr},
-};
-
 // Never destroyed: the stack is reported by an exit handler, after static objects are gone.
 std::vector<ErrorBlock> &Blocks() {
   static auto *blocks = new std::vector<ErrorBlock>;
@@ -44,10 +37,11 @@ std::vector<PendingError> &Stack() {
   return *stack;
 }
 
+// The core library's own codes need no registration.
 const char *MessageOf(uint32_t code) {
   if (code == E_MSG) return "";
-  if (code == E_ARGUMENT) return kCoreErrors[0].message;
-  if (code == E_MEMORY) return kCoreErrors[1].message;
+  if (code == E_ARGUMENT) return "missing argument";
+  if (code == E_MEMORY) return "out of memory";
   if (code == E_REGISTRY) return "registry full";
   for (const ErrorBlock &b : Blocks()) {
     if (code < b.first || code >= b.end) continue;
