@@ -162,26 +162,6 @@ int AxisRule(const ImageDesc &d1, const ImageDesc &d2) {
 // result whether it sees a block at once or in pieces.
 bool NeedsWholeBlock(Kernel k) { return k == ComputeZeromean || k == ComputeRmsNorm; }
 
-// Calls the kernel on one block, in pieces that stay in cache between a kernel's passes (the
-// conversion of the first operand, then the combination with the second). Returns 1 when the run
-// must end.
-// A unary form passes a null second operand of type 0.
-int RunKernel(Kernel kernel, bool array2, const void *s1, ElementType t1, const void *s2, ElementType t2,
-              uint64_t n, void *dst, ElementType td) {
-  const uint64_t piece = NeedsWholeBlock(kernel) ? n : ComputePieceSize;
-  const auto *p1 = static_cast<const unsigned char *>(s1);
-  const auto *p2 = static_cast<const unsigned char *>(s2);
-  auto *pd = static_cast<unsigned char *>(dst);
-  for (uint64_t done = 0; done < n; done += piece) {
-    uint64_t m = n - done < piece ? n - done : piece;
-    const void *a = p1 + done * TypeSize(t1);
-    const void *b = array2 ? static_cast<const void *>(p2 + done * TypeSize(t2)) : s2;
-    uint32_t st = kernel(array2, a, t1, b, t2, m, pd + done * TypeSize(td), td);
-    if (st && ExceptionPush(st)) return 1;
-  }
-  return 0;
-}
-
 // The history line that formats with labels record: the command and the date.
 void SetHistory(int argc, char **argv) {
   std::string text = kProgram;
@@ -306,23 +286,38 @@ int Run(int argc, char **argv) {
     if (ImageFileCreate(dst_slot, c.dst_name, &ddesc)) return 1;
   }
 
+  // Each block is worked through in pieces, each piece taken from the files, computed and stored
+  // before the next: the operands and the result of a piece stay in the processor's cache from the
+  // read to the write. Kernels with block statistics take the whole block at once.
   ImageioHandle *dh = dst_slot->handle;
+  ImageioHandle *h1 = count1 == total && !c.inplace ? src1_slot->handle : nullptr;
+  ImageioHandle *h2 = count2 && count2 == total ? src2_slot->handle : nullptr;
+  const uint64_t es1 = TypeSize(desc1.type), es2 = TypeSize(desc2.type);
+  uint64_t widest = TypeSize(dst_type) > es1 ? TypeSize(dst_type) : es1;
+  if (count2 && es2 > widest) widest = es2;
+  const uint64_t unit = NeedsWholeBlock(kernel) ? block : ComputePieceBytes / widest;
   ProgressStart(&progress, total, TypeSize(dst_type));
   uint64_t blocks = total ? (total - 1) / block + 1 : 0, blocks_done = 0;
   for (uint64_t offset = 0; offset < total;) {
     uint64_t n = total - offset < block ? total - offset : block;
-    void *dbuf = c.inplace ? ImageioBeginRead(dh, offset, n) : ImageioBeginWrite(dh, offset, n);
-    if (!dbuf) return 1;
-    const void *s1 = c.inplace ? dbuf : bcast1;
-    if (count1 && count1 == total && !(s1 = ImageioBeginRead(src1_slot->handle, offset, n))) return 1;
-    const void *s2 = number ? number : bcast2;
-    if (count2 && count2 == total && !(s2 = ImageioBeginRead(src2_slot->handle, offset, n))) return 1;
+    for (uint64_t part = 0; part < n;) {
+      uint64_t m = n - part < unit ? n - part : unit, at = offset + part;
+      void *dbuf = c.inplace ? ImageioBeginRead(dh, at, m) : ImageioBeginWrite(dh, at, m);
+      if (!dbuf) return 1;
+      const void *s1 = dbuf, *s2 = number;  // in place; a number or nothing
+      if (h1 && !(s1 = ImageioBeginRead(h1, at, m))) return 1;
+      if (bcast1) s1 = static_cast<const unsigned char *>(bcast1) + part * es1;
+      if (h2 && !(s2 = ImageioBeginRead(h2, at, m))) return 1;
+      if (bcast2) s2 = static_cast<const unsigned char *>(bcast2) + part * es2;
 
-    if (RunKernel(kernel, count2 != 0, s1, desc1.type, s2, desc2.type, n, dbuf, dst_type)) return 1;
+      uint32_t st = kernel(count2 != 0, s1, desc1.type, s2, desc2.type, m, dbuf, dst_type);
+      if (st && ExceptionPush(st)) return 1;
 
-    if (count2 && count2 == total && ImageioEndRead(src2_slot->handle, offset, n, const_cast<void *>(s2))) return 1;
-    if (count1 && count1 == total && ImageioEndRead(src1_slot->handle, offset, n, const_cast<void *>(s1))) return 1;
-    if (ImageioEndWrite(dh, offset, n, dbuf)) return 1;
+      if (h2 && ImageioEndRead(h2, at, m, const_cast<void *>(s2))) return 1;
+      if (h1 && ImageioEndRead(h1, at, m, const_cast<void *>(s1))) return 1;
+      if (ImageioEndWrite(dh, at, m, dbuf)) return 1;
+      part += m;
+    }
     offset += n;
     ProgressUpdate(&progress, offset, ++blocks_done, blocks);
   }

@@ -3,9 +3,9 @@
 #include <cstdint>
 
 inline constexpr uint64_t ComputeBlockSize = 16777216;
-// Elements per kernel call within a block: the operands and the destination of a piece stay in the
-// processor's cache between the passes of a kernel.
-inline constexpr uint64_t ComputePieceSize = 16384;
+// Bytes of the widest operand or destination in one piece of a block: the pieces of all three stay in
+// the processor's cache from the read through the kernel's passes to the write.
+inline constexpr uint64_t ComputePieceBytes = 524288;
 
 int ComputeMain(int argc, char **argv);
 uint32_t ComputeOptionsInit();

@@ -30,34 +30,38 @@ template <class Op> struct SameForSingle {
   template <Form D, Form B, class A, class V> static A Single(A a, V b) { return Op::template Array<D, B>(a, b); }
 };
 
+// a is the first operand in the destination type: d itself, or a separate array of that type.
 template <class Op, Form D, class B, class A>
-inline void BinaryLoops(uint32_t operand2_is_array, A *d, const B *b, uint64_t count) {
+inline void BinaryLoops(uint32_t operand2_is_array, const A *a, A *d, const B *b, uint64_t count) {
   constexpr Form F = kFormOf<B>;
   if (operand2_is_array) {
-    for (uint64_t i = 0; i < count; ++i) d[i] = Op::template Array<D, F>(d[i], ToBinary32(b[i]));
+    for (uint64_t i = 0; i < count; ++i) d[i] = Op::template Array<D, F>(a[i], ToBinary32(b[i]));
   } else {
     const auto p = Op::template Prepare<D, F>(ToBinary32(b[0]));
-    for (uint64_t i = 0; i < count; ++i) d[i] = Op::template Single<D, F>(d[i], p);
+    for (uint64_t i = 0; i < count; ++i) d[i] = Op::template Single<D, F>(a[i], p);
   }
 }
 
-// The binary kernel: dst already holds (or receives) the first operand in the destination type and
-// is combined in place with the second operand. Op provides Array<D, B>(a, b) and, for a single
+// The binary kernel: the first operand, read directly when it already has the destination type and
+// otherwise converted into dst first, is combined with the second operand into dst. Op provides Array<D, B>(a, b) and, for a single
 // second operand, Prepare<D, B>(b) once per block and Single<D, B>(a, prepared). With kRealOnly
 // the only destination is real32.
 template <class Op, bool kRealOnly = false>
 uint32_t BinaryArith(uint32_t operand2_is_array, const void *src1, ElementType src1_type, const void *src2,
                      ElementType src2_type, uint64_t count, void *dst, ElementType dst_type) {
   if (kRealOnly ? dst_type != TypeReal32 : !IsSingleResultType(dst_type)) return ComputeTypeError(dst_type);
-  if (src1 != dst) {
+  const void *first = src1;
+  if (src1 != dst && src1_type != dst_type) {
     if (uint32_t st = ComputeConvert(0, src1, src1_type, nullptr, 0, count, dst, dst_type)) return st;
+    first = dst;
   }
   return DispatchType(src2_type, [&](auto tag) -> uint32_t {
     using B = decltype(tag);
     const B *b = static_cast<const B *>(src2);
     if constexpr (!kRealOnly) {
       if (dst_type == TypeCmplx32) {
-        if (count) BinaryLoops<Op, Form::Cmplx>(operand2_is_array, static_cast<Cmplx32 *>(dst), b, count);
+        if (count) BinaryLoops<Op, Form::Cmplx>(operand2_is_array, static_cast<const Cmplx32 *>(first),
+                                                static_cast<Cmplx32 *>(dst), b, count);
         return 0;
       }
     }
@@ -66,14 +70,15 @@ uint32_t BinaryArith(uint32_t operand2_is_array, const void *src1, ElementType s
       return ComputeTypeError(src2_type);
     } else {
       float *d = static_cast<float *>(dst);
+      const float *a = static_cast<const float *>(first);
       if (!count) return 0;
       if constexpr (!kRealOnly) {
         if (dst_type == TypeImag32) {
-          BinaryLoops<Op, Form::Imag>(operand2_is_array, d, b, count);
+          BinaryLoops<Op, Form::Imag>(operand2_is_array, a, d, b, count);
           return 0;
         }
       }
-      BinaryLoops<Op, Form::Real>(operand2_is_array, d, b, count);
+      BinaryLoops<Op, Form::Real>(operand2_is_array, a, d, b, count);
       return 0;
     }
   });

@@ -63,7 +63,7 @@ TEST_F(ImageioTest, FaultOnATruncatedMappingEndsTheProcessCleanly) {
   WriteImage(in, TypeReal32, dims, Ramp(dims[0]));
   int st = InChild(err, [&] {
     ImageDesc d{}, nd{1, dims.data(), 0, TypeReal32, 0};
-    ImageioHandle *h = OpenRead(in, &d);
+    ImageioHandle *h = OpenRead(in, &d, nullptr, "mmap");
     // An image under construction: the guard must remove its temporary file.
     ImageioHandle *out = ImageioCreate((dir / "new.zv").c_str(), &nd, &ImageioParamDefault);
     auto *p = h && out ? static_cast<volatile float *>(ImageioBeginRead(h, 0, dims[0])) : nullptr;

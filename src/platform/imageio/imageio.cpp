@@ -120,7 +120,7 @@ uint32_t FailErrno(ImageioHandle *h, uint32_t code, int err, const char *text = 
   return st;
 }
 
-bool UseMap(const ImageioHandle *h) { return !(h->caps & ImageioCapRead); }
+bool UseMap(const ImageioHandle *h) { return h->caps & ImageioCapMmap; }
 
 // Elements handed out in place must be aligned for their component type: data that starts at an
 // odd offset (an MRC extended header of odd size, an NPY header of unusual length) goes through the
@@ -442,7 +442,7 @@ void AccumulateBlock(ImageioStats &s, uint32_t type, const void *p, uint64_t n) 
 
 // A block's address for internal passes: direct, or converted into the buffer.
 void *Peek(ImageioHandle *h, uint64_t first, uint64_t count, uint32_t *st) {
-  if ((*st = CheckSize(h))) return nullptr;
+  if (h->map && (*st = CheckSize(h))) return nullptr;
   if (Direct(h)) return h->map + h->data_offset + first * h->esize;
   if ((*st = EnsureBuffer(h, count * h->esize))) return nullptr;
   if ((*st = Fill(h, first, count, h->buf))) return nullptr;
@@ -480,7 +480,8 @@ void *Begin(ImageioHandle *h, uint64_t first, uint64_t count, bool write) {
       }
     }
   }
-  if (count > 0 && CheckSize(h)) return nullptr;
+  // Plain reads find a shortened file by themselves; a mapping would fault instead.
+  if (count > 0 && h->map && CheckSize(h)) return nullptr;
   void *p;
   if (count == 0) {
     p = gEmptyBlock;
@@ -577,6 +578,8 @@ ImageioHandle *Open(const char *path, ImageDesc *desc, const ImageioParam *param
     return fail();
   }
   fcntl(h->fd, F_SETFL, fcntl(h->fd, F_GETFL) & ~O_NONBLOCK);
+  // Blocks are taken in order: a larger read-ahead window for files that are not in the page cache.
+  posix_fadvise(h->fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   h->size = static_cast<uint64_t>(st.st_size);
   if (h->size == 0) {
     ImageioFail(h, E_IMAGEIO_HEADER, " (empty file)");
@@ -677,7 +680,11 @@ uint32_t ImageioReadAt(ImageioHandle *h, uint64_t offset, void *dst, uint64_t n)
       if (errno == EINTR) continue;
       return FailErrno(h, E_IMAGEIO_READ, errno, "");
     }
-    if (r == 0) return ImageioFail(h, E_IMAGEIO_READ, " (unexpected end of file)");
+    if (r == 0) {
+      // Short of data the header promised: most likely another program truncated the file.
+      if (uint32_t st = CheckSize(h)) return st;
+      return ImageioFail(h, E_IMAGEIO_READ, " (unexpected end of file)");
+    }
     p += r;
     offset += static_cast<uint64_t>(r);
     n -= static_cast<uint64_t>(r);
