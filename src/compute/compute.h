@@ -79,6 +79,10 @@ uint32_t ComputeMulUniform(ZV_KERNEL_ARGS);
 uint32_t ComputeAddNormal(ZV_KERNEL_ARGS);
 uint32_t ComputeMulNormal(ZV_KERNEL_ARGS);
 double RandomNormal(double a);
+// The noise kernels' generator: the C library's rand() sequence (the same generator and seeding as
+// srand/rand) on a state of its own. Unseeded it starts as rand() does, from seed 1.
+void ComputeRandomSeed(uint32_t seed);
+int32_t ComputeRandomDraw();
 
 // Comparisons (uint8 masks).
 uint32_t ComputeLt(ZV_KERNEL_ARGS);

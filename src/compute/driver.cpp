@@ -334,6 +334,7 @@ uint32_t ComputeOptionsInit() {
     return st;
   }
   std::srand(static_cast<unsigned>(seed_value & 0xffffffffu));
+  ComputeRandomSeed(static_cast<uint32_t>(seed_value & 0xffffffffu));
   return 0;
 }
 

@@ -1,12 +1,27 @@
 // Uniform and Gaussian noise, added to or multiplied into a real32 block. All randomness comes from
-// the C library's rand(), whose range is 0 .. 2^31-1; draws are taken strictly in element order, so a
-// run reproduces its noise whether it writes a new file or works in place.
+// the C library's generator, the sequence rand() gives, whose range is 0 .. 2^31-1; draws are taken
+// strictly in element order, so a run reproduces its noise whether it writes a new file or works in
+// place.
 #include <cmath>
 #include <cstdlib>
 
 #include "kernels/element.h"
 
 namespace {
+
+// rand() itself takes a lock on every call, about four times the cost of the draw; random_r on a
+// state of our own gives the same sequence for the same seed (glibc's default: the additive
+// feedback generator with 128 bytes of state).
+struct random_data gRandom;
+char gRandomState[128];
+bool gSeeded = false;
+
+inline int32_t Draw() {
+  if (__builtin_expect(!gSeeded, 0)) ComputeRandomSeed(1);
+  int32_t r;
+  random_r(&gRandom, &r);
+  return r;
+}
 
 // Scales a draw into [0, 1]; as a binary32 draw rounds up to 2^31 from 2147483584 on, 1 is reached.
 constexpr float kUniformScale = 0x1p-31f;
@@ -23,8 +38,8 @@ template <Noise N> struct ScalarAmplitude {
   double a;       // Gaussian: the amplitude widened to binary64
   explicit ScalarAmplitude(float amp) : c(amp * kUniformScale), a(static_cast<double>(amp)) {}
   float Apply(float d) const {
-    if constexpr (N == Noise::AddUniform) return static_cast<float>(std::rand()) * c + d;
-    else if constexpr (N == Noise::MulUniform) return (d * c) * static_cast<float>(std::rand());
+    if constexpr (N == Noise::AddUniform) return static_cast<float>(Draw()) * c + d;
+    else if constexpr (N == Noise::MulUniform) return (d * c) * static_cast<float>(Draw());
     else if constexpr (N == Noise::AddNormal) return static_cast<float>(static_cast<double>(d) + RandomNormal(a));
     else return static_cast<float>(RandomNormal(a) * static_cast<double>(d));
   }
@@ -32,8 +47,8 @@ template <Noise N> struct ScalarAmplitude {
 
 // One element of noise with its own amplitude b.
 template <Noise N> float ApplyElementAmplitude(float d, float b) {
-  if constexpr (N == Noise::AddUniform) return (b * kUniformScale) * static_cast<float>(std::rand()) + d;
-  else if constexpr (N == Noise::MulUniform) return ((d * kUniformScale) * b) * static_cast<float>(std::rand());
+  if constexpr (N == Noise::AddUniform) return (b * kUniformScale) * static_cast<float>(Draw()) + d;
+  else if constexpr (N == Noise::MulUniform) return ((d * kUniformScale) * b) * static_cast<float>(Draw());
   else if constexpr (N == Noise::AddNormal)
     return static_cast<float>(static_cast<double>(d) + RandomNormal(static_cast<double>(b)));
   else return static_cast<float>(RandomNormal(static_cast<double>(b)) * static_cast<double>(d));
@@ -67,16 +82,24 @@ template <Noise N> uint32_t NoiseKernel(ZV_KERNEL_ARGS) {
 
 }  // namespace
 
+void ComputeRandomSeed(uint32_t seed) {
+  gRandom = {};
+  initstate_r(seed, gRandomState, sizeof gRandomState, &gRandom);
+  gSeeded = true;
+}
+
+int32_t ComputeRandomDraw() { return Draw(); }
+
 // Polar method on the first quadrant; a separate draw gives the sign.
 double RandomNormal(double a) {
   double u, v, s;
   do {
-    u = static_cast<double>(std::rand()) * kDrawScale;
-    v = static_cast<double>(std::rand()) * kDrawScale;
+    u = static_cast<double>(Draw()) * kDrawScale;
+    v = static_cast<double>(Draw()) * kDrawScale;
     s = v * v + u * u;
   } while (s >= 1.0);
   double g = std::sqrt((std::log(s) * -2.0) / s) * u;
-  if (static_cast<double>(std::rand()) >= kSignThreshold) return g * a;
+  if (static_cast<double>(Draw()) >= kSignThreshold) return g * a;
   return (-g) * a;
 }
 

@@ -1,5 +1,6 @@
-// Noise kernels reproduced bit for bit: each check seeds the C library generator, runs a kernel, then
-// reseeds and replays the same draws through a separate model, and checks how many draws were used.
+// Noise kernels reproduced bit for bit: each check seeds the kernels' generator, runs a kernel, then
+// seeds the C library's rand() alike and replays the same draws through a separate model, and checks
+// how many draws were used: the kernels' sequence must be rand()'s.
 #include <cstdlib>
 
 #include "kernel_check.h"
@@ -29,10 +30,10 @@ void Replay(Op op, unsigned seed, const Buf &src, const Buf &amp, uint32_t image
   const uint64_t n = src.size();
   const Buf d = Converted(src, TypeReal32);
   Buf dst = src.type == TypeReal32 ? src : Buf(TypeReal32, n);
-  std::srand(seed);
+  ComputeRandomSeed(seed);
   const uint32_t status = kKernels[op](image, src.type == TypeReal32 ? dst.data() : src.data(), src.type,
                                        &amp.bytes[at * TypeSize(amp.type)], amp.type, n, dst.data(), TypeReal32);
-  const int next = std::rand();
+  const int next = ComputeRandomDraw();
   std::srand(seed);
   const float c = Real32(amp, at) * kScale;
   for (uint64_t k = 0; k < n && !IsCmplxType(amp.type); ++k) {
@@ -90,7 +91,7 @@ TEST(Noise, EveryOperandType) {
 // The Gaussian samples themselves (their draws are replayed above): mean 0 and standard deviation the
 // amplitude, and another seed gives another sequence.
 TEST(Noise, RandomNormalSpreadAndSeeds) {
-  std::srand(kSeeds[1]);
+  ComputeRandomSeed(kSeeds[1]);
   const double first = RandomNormal(2.0);
   double sum = first, sum2 = first * first;
   for (int i = 1; i < 20000; ++i) {
@@ -99,7 +100,7 @@ TEST(Noise, RandomNormalSpreadAndSeeds) {
   }
   EXPECT_NEAR(sum / 20000, 0.0, 0.1);
   EXPECT_NEAR(std::sqrt(sum2 / 20000), 2.0, 0.1);
-  std::srand(kSeeds[0]);
+  ComputeRandomSeed(kSeeds[0]);
   EXPECT_NE(RandomNormal(2.0), first);
 }
 
