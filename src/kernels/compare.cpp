@@ -18,8 +18,17 @@ struct Ne { static bool Holds(float a, float b) { return (a < b) | (a > b); } };
 // operand's own buffer: a chunk is read completely before it is written).
 constexpr uint64_t kChunk = 32;
 
+// A mask can share its buffer only with a one-byte operand (in place, where the image is the mask's
+// type); wider operands are separate buffers, and their loops run straight through.
 template <class Rel, class A, class B>
 void CompareArrays(const A *a, const B *b, uint64_t count, uint8_t *dst) {
+  if constexpr (sizeof(A) > 1 && sizeof(B) > 1) {
+    const A *__restrict x = a;
+    const B *__restrict y = b;
+    uint8_t *__restrict m = dst;
+    for (uint64_t i = 0; i < count; ++i) m[i] = Rel::Holds(ElementToReal32(x[i]), ElementToReal32(y[i]));
+    return;
+  }
   uint64_t i = 0;
   for (; i + kChunk <= count; i += kChunk) {
     float x[kChunk], y[kChunk];
@@ -34,6 +43,12 @@ void CompareArrays(const A *a, const B *b, uint64_t count, uint8_t *dst) {
 
 template <class Rel, class A>
 void CompareScalar(const A *a, float y, uint64_t count, uint8_t *dst) {
+  if constexpr (sizeof(A) > 1) {
+    const A *__restrict x = a;
+    uint8_t *__restrict m = dst;
+    for (uint64_t i = 0; i < count; ++i) m[i] = Rel::Holds(ElementToReal32(x[i]), y);
+    return;
+  }
   uint64_t i = 0;
   for (; i + kChunk <= count; i += kChunk) {
     float x[kChunk];
