@@ -81,6 +81,9 @@ TEST_F(ImageioTest, MrcModesOfEveryTypeAndShape) {
   ExpectStats(ReadFileBytes(dir / "low.mrc"), {0, 127, 64});
   WriteImage(dir / "high.mrc", TypeUint8, {3}, std::vector<uint8_t>{0, 128, 64});
   ExpectStats(ReadFileBytes(dir / "high.mrc"), {});
+  // Signed bytes at both ends of their range, with repeats (bytes are counted by value).
+  WriteImage(dir / "ends.mrc", TypeInt8, {7}, std::vector<int8_t>{-128, 127, -1, -128, 0, 127, 3});
+  ExpectStats(ReadFileBytes(dir / "ends.mrc"), {-128, 127, -1, -128, 0, 127, 3});
   // Lengths the header fields cannot hold: nx, or nz = axis 2 x axis 3.
   for (Dims dims : {Dims{1ull << 31, 1}, Dims{2, 2, 1u << 16, 1u << 15}}) {
     ImageDesc d{dims.size(), dims.data(), 0, TypeUint8, 0};
