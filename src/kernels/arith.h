@@ -43,9 +43,9 @@ inline void BinaryLoops(uint32_t operand2_is_array, const A *a, A *d, const B *b
 }
 
 // The binary kernel: the first operand, read directly when it already has the destination type and
-// otherwise converted into dst first, is combined with the second operand into dst. Op provides Array<D, B>(a, b) and, for a single
-// second operand, Prepare<D, B>(b) once per block and Single<D, B>(a, prepared). With kRealOnly
-// the only destination is real32.
+// otherwise converted into dst first, is combined with the second operand into dst. Op provides
+// Array<D, B>(a, b) and, for a single second operand, Prepare<D, B>(b) once per block and
+// Single<D, B>(a, prepared). With kRealOnly the only destination is real32.
 template <class Op, bool kRealOnly = false>
 uint32_t BinaryArith(uint32_t operand2_is_array, const void *src1, ElementType src1_type, const void *src2,
                      ElementType src2_type, uint64_t count, void *dst, ElementType dst_type) {

@@ -17,7 +17,8 @@ uint32_t PrepareBlock(const void *src1, ElementType src1_type, uint64_t count, v
   if (dst_type != TypeReal32 && dst_type != TypeImag32 && dst_type != TypeCmplx32)
     return ComputeTypeError(dst_type);
   *values = static_cast<const float *>(src1 != dst && src1_type == dst_type ? src1 : dst);
-  if (src1 != dst && src1_type != dst_type) return ComputeConvert(0, src1, src1_type, nullptr, 0, count, dst, dst_type);
+  if (src1 != dst && src1_type != dst_type)
+    return ComputeConvert(0, src1, src1_type, nullptr, 0, count, dst, dst_type);
   return 0;
 }
 
