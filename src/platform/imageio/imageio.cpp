@@ -120,6 +120,10 @@ uint32_t FailErrno(ImageioHandle *h, uint32_t code, int err, const char *text = 
   return st;
 }
 
+// Writes go to the page cache in chunks of 1 MiB: one large write makes the kernel take large page
+// folios for the new file, whose first touch costs several times more on these machines.
+constexpr uint64_t kWriteChunk = 1u << 20;
+
 bool UseMap(const ImageioHandle *h) { return h->caps & ImageioCapMmap; }
 
 // Elements handed out in place must be aligned for their component type: data that starts at an
@@ -381,18 +385,19 @@ uint32_t Store(ImageioHandle *h, uint64_t first, uint64_t count, unsigned char *
   return ImageioWriteAt(h, h->data_offset + first * h->esize, src, count * h->esize);
 }
 
-// Statistics of a run of caller elements, summed about the first value ever seen. Four independent
-// lanes, folded in a fixed order at the end, let the loop run as vector code. A NaN element makes the
+// Statistics of a run of caller elements, summed about the first value ever seen. Eight independent
+// lanes, folded in a fixed order at the end, let the loop run as vector code with several additions
+// in flight. A NaN element makes the
 // sum of squares NaN, which nothing else can (infinities only make it infinite): that is the NaN test.
 template <class T>
-void Accumulate(ImageioStats &s, const T *p, uint64_t n) {
+inline __attribute__((always_inline)) void Accumulate(ImageioStats &s, const T *p, uint64_t n) {
   if (n == 0) return;
   if (s.n == 0) {
     double x0 = static_cast<double>(p[0]);
     s.shift = std::isfinite(x0) ? x0 : 0.0;
     s.min = s.max = x0;
   }
-  constexpr int kLanes = 4;
+  constexpr int kLanes = 8;
   const double sh = s.shift;
   double mn[kLanes], mx[kLanes], a1[kLanes] = {}, a2[kLanes] = {};
   for (int j = 0; j < kLanes; ++j) mn[j] = s.min, mx[j] = s.max;
@@ -417,45 +422,56 @@ void Accumulate(ImageioStats &s, const T *p, uint64_t n) {
     s.min = mn[j] < s.min ? mn[j] : s.min;
     s.max = mx[j] > s.max ? mx[j] : s.max;
   }
-  double sum2 = (a2[0] + a2[1]) + (a2[2] + a2[3]);
-  s.s1 += (a1[0] + a1[1]) + (a1[2] + a1[3]);
+  double sum2 = ((a2[0] + a2[1]) + (a2[2] + a2[3])) + ((a2[4] + a2[5]) + (a2[6] + a2[7]));
+  s.s1 += ((a1[0] + a1[1]) + (a1[2] + a1[3])) + ((a1[4] + a1[5]) + (a1[6] + a1[7]));
   s.s2 += sum2;
   s.nan |= sum2 != sum2;
   s.n += n;
 }
 
-// One-byte elements are counted by value, and the statistics taken from the 256 counts. Sums of such
-// small integers are exact in binary64 in any order, so this gives what summing element by element
-// gives, without converting every element to binary64.
+// One-byte elements: integer sums of the values and of their squares, exact in any order, from which
+// the sums about the shift follow exactly (they stay far below 2^53), as summing element by element
+// in binary64 would give them. Integer minimum, maximum and sums run as vector code.
 template <class T>
 void AccumulateBytes(ImageioStats &s, const T *p, uint64_t n) {
   static_assert(sizeof(T) == 1);
   if (n == 0) return;
   if (s.n == 0) s.shift = s.min = s.max = static_cast<double>(p[0]);
-  // Four tables, so that runs of equal values do not wait on one counter.
-  uint32_t count[4][256] = {};
-  const auto *b = reinterpret_cast<const uint8_t *>(p);
-  uint64_t i = 0;
-  for (; i + 4 <= n; i += 4) {
-    ++count[0][b[i]];
-    ++count[1][b[i + 1]];
-    ++count[2][b[i + 2]];
-    ++count[3][b[i + 3]];
+  int32_t mn = p[0], mx = p[0];
+  int64_t sum = 0, sum2 = 0;
+  // 32-bit partial sums: 2^15 squares of at most 2^16 each fit.
+  constexpr uint64_t kRun = 1u << 15;
+  for (uint64_t i = 0; i < n; i += kRun) {
+    const uint64_t end = std::min(n, i + kRun);
+    int32_t a = 0;
+    uint32_t q = 0;
+    for (uint64_t k = i; k < end; ++k) {
+      int32_t v = p[k];
+      mn = v < mn ? v : mn;
+      mx = v > mx ? v : mx;
+      a += v;
+      q += static_cast<uint32_t>(v * v);
+    }
+    sum += a;
+    sum2 += q;
   }
-  for (; i < n; ++i) ++count[0][b[i]];
-  double s1 = 0, s2 = 0;
-  for (int v = 0; v < 256; ++v) {
-    uint64_t c = uint64_t{count[0][v]} + count[1][v] + count[2][v] + count[3][v];
-    if (c == 0) continue;
-    double x = static_cast<double>(static_cast<T>(v)), dx = x - s.shift;
-    s.min = x < s.min ? x : s.min;
-    s.max = x > s.max ? x : s.max;
-    s1 += static_cast<double>(c) * dx;
-    s2 += static_cast<double>(c) * (dx * dx);
-  }
-  s.s1 += s1;
-  s.s2 += s2;
+  const double sh = s.shift, dn = static_cast<double>(n);
+  s.min = std::min(s.min, static_cast<double>(mn));
+  s.max = std::max(s.max, static_cast<double>(mx));
+  // sum (x - sh) and sum (x - sh)^2 from the integer sums; sh is one of the byte values.
+  const double ds = static_cast<double>(sum);
+  s.s1 += ds - dn * sh;
+  s.s2 += static_cast<double>(sum2) - 2.0 * sh * ds + dn * sh * sh;
   s.n += n;
+}
+
+// real32, the common case, also has a variant for processors with AVX2, chosen when the program
+// starts: its vectors hold the same binary64 lanes, so both variants give identical sums.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+__attribute__((target_clones("avx2", "default")))
+#endif
+void AccumulateReal32(ImageioStats &s, const float *p, uint64_t n) {
+  Accumulate(s, p, n);
 }
 
 void AccumulateBlock(ImageioStats &s, uint32_t type, const void *p, uint64_t n) {
@@ -468,7 +484,7 @@ void AccumulateBlock(ImageioStats &s, uint32_t type, const void *p, uint64_t n) 
     case TypeInt16: Accumulate(s, static_cast<const int16_t *>(p), n); break;
     case TypeInt32: Accumulate(s, static_cast<const int32_t *>(p), n); break;
     case TypeInt64: Accumulate(s, static_cast<const int64_t *>(p), n); break;
-    case TypeReal32: Accumulate(s, static_cast<const float *>(p), n); break;
+    case TypeReal32: AccumulateReal32(s, static_cast<const float *>(p), n); break;
     case TypeReal64: Accumulate(s, static_cast<const double *>(p), n); break;
     default: break;  // complex and imaginary data have no header statistics
   }
@@ -725,10 +741,6 @@ uint32_t ImageioReadAt(ImageioHandle *h, uint64_t offset, void *dst, uint64_t n)
   }
   return 0;
 }
-
-// Writes go to the page cache in chunks of 1 MiB: one large write makes the kernel take large page
-// folios for the new file, whose first touch costs several times more on these machines.
-constexpr uint64_t kWriteChunk = 1u << 20;
 
 uint32_t ImageioWriteAt(ImageioHandle *h, uint64_t offset, const void *src, uint64_t n) {
   auto *p = static_cast<const unsigned char *>(src);
@@ -1078,19 +1090,26 @@ uint32_t ImageioEndWrite(ImageioHandle *h, uint64_t first, uint64_t count, void 
   h->held = false;
   if (h->mode == 1) return ImageioFail(h, E_IMAGEIO_WRITE, " (the image is open for reading only)");
   h->written = true;
-  if (h->in_order && first == h->next_write) {
-    if (h->ops->keeps_stats) AccumulateBlock(h->stats, h->type, buffer, count);
-    h->next_write += count;
-  } else {
-    h->in_order = false;
-  }
-  // A mapped block was written in place.
-  if (count == 0) return 0;
+  bool stats = h->in_order && first == h->next_write && h->ops->keeps_stats;
+  if (h->in_order && first == h->next_write) h->next_write += count;
+  else h->in_order = false;
+  auto *p = static_cast<unsigned char *>(buffer);
   if (Direct(h)) {
-    ReleaseBlock(h, first, count);
+    // A mapped block was written in place.
+    if (stats) AccumulateBlock(h->stats, h->type, p, count);
+    if (count > 0) ReleaseBlock(h, first, count);
     return 0;
   }
-  return Store(h, first, count, static_cast<unsigned char *>(buffer));
+  // Statistics and storing go chunk by chunk, so that a large block is read from memory once: the
+  // chunk the statistics have just read is still in the cache when it is stored.
+  const uint64_t chunk = std::max<uint64_t>(1, kWriteChunk / h->esize);
+  for (uint64_t done = 0; done < count;) {
+    uint64_t m = std::min(chunk, count - done);
+    if (stats) AccumulateBlock(h->stats, h->type, p + done * h->esize, m);
+    if (uint32_t st = Store(h, first + done, m, p + done * h->esize)) return st;
+    done += m;
+  }
+  return 0;
 }
 
 void ImageioErrPath(ImageioHandle *handle, uint32_t) {
