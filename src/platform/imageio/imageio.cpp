@@ -394,8 +394,8 @@ uint32_t Store(ImageioHandle *h, uint64_t first, uint64_t count, unsigned char *
 
 // Statistics of a run of caller elements, summed about the first value ever seen. Eight independent
 // lanes, folded in a fixed order at the end, let the loop run as vector code with several additions
-// in flight. A NaN element makes the
-// sum of squares NaN, which nothing else can (infinities only make it infinite): that is the NaN test.
+// in flight. A NaN element makes the sum of squares NaN, which nothing else can (infinities only make
+// it infinite): that is the NaN test.
 template <class T>
 inline __attribute__((always_inline)) void Accumulate(ImageioStats &s, const T *p, uint64_t n) {
   if (n == 0) return;
@@ -408,23 +408,17 @@ inline __attribute__((always_inline)) void Accumulate(ImageioStats &s, const T *
   const double sh = s.shift;
   double mn[kLanes], mx[kLanes], a1[kLanes] = {}, a2[kLanes] = {};
   for (int j = 0; j < kLanes; ++j) mn[j] = s.min, mx[j] = s.max;
-  uint64_t i = 0;
-  for (; i + kLanes <= n; i += kLanes) {
-    for (int j = 0; j < kLanes; ++j) {
-      double x = static_cast<double>(p[i + j]), dx = x - sh;
-      mn[j] = x < mn[j] ? x : mn[j];
-      mx[j] = x > mx[j] ? x : mx[j];
-      a1[j] += dx;
-      a2[j] += dx * dx;
-    }
-  }
-  for (int j = 0; i < n; ++i, ++j) {
-    double x = static_cast<double>(p[i]), dx = x - sh;
+  auto take = [&](int j, T v) {
+    double x = static_cast<double>(v), dx = x - sh;
     mn[j] = x < mn[j] ? x : mn[j];
     mx[j] = x > mx[j] ? x : mx[j];
     a1[j] += dx;
     a2[j] += dx * dx;
-  }
+  };
+  uint64_t i = 0;
+  for (; i + kLanes <= n; i += kLanes)
+    for (int j = 0; j < kLanes; ++j) take(j, p[i + j]);
+  for (int j = 0; i < n; ++i, ++j) take(j, p[i]);
   for (int j = 0; j < kLanes; ++j) {
     s.min = mn[j] < s.min ? mn[j] : s.min;
     s.max = mx[j] > s.max ? mx[j] : s.max;
@@ -1107,9 +1101,10 @@ uint32_t ImageioEndWrite(ImageioHandle *h, uint64_t first, uint64_t count, void 
   h->held = false;
   if (h->mode == 1) return ImageioFail(h, E_IMAGEIO_WRITE, " (the image is open for reading only)");
   h->written = true;
-  bool stats = h->in_order && first == h->next_write && h->ops->keeps_stats;
-  if (h->in_order && first == h->next_write) h->next_write += count;
+  const bool in_order = h->in_order && first == h->next_write;
+  if (in_order) h->next_write += count;
   else h->in_order = false;
+  const bool stats = in_order && h->ops->keeps_stats;
   auto *p = static_cast<unsigned char *>(buffer);
   if (Direct(h)) {
     // A mapped block was written in place.
