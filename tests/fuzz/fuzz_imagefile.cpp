@@ -3,15 +3,13 @@
 // and through the buffer, with its elements loaded as their own type (so that a misaligned block is a
 // sanitizer report), copied into a new file of every format that can hold it, and rewritten in
 // place, which recomputes header statistics and labels.
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <complex>
-#include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include "platform/core/array.h"
 #include "platform/core/core.h"
@@ -26,134 +24,61 @@
 
 namespace {
 
-std::string TempPath(const char *suffix) {
+std::string TempPath(const std::string &suffix) {
   const char *tmp = getenv("TMPDIR");
   return std::string(tmp ? tmp : "/tmp") + "/zvfuzz-" + std::to_string(getpid()) + suffix;
 }
 
-void Setup() {
-  static bool ready = false;
-  if (ready) return;
-  ready = true;
-  CoreSetFlushToZero();
-  ImageioModule.function();
-  ImageioSetHistory("zvcompute fuzz");
-}
-
-bool WriteFile(const std::string &path, const uint8_t *data, size_t size) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (fd < 0) return false;
-  bool ok = write(fd, data, size) == static_cast<ssize_t>(size);
-  close(fd);
-  return ok;
-}
-
-// Loads the first and last element of a block as their type; the sum is only kept alive.
-template <class T>
-double Touch(const void *p, uint64_t n) {
+// The first and last part of a block loaded as the part's type; the sum is only kept alive.
+template <class T> double Touch(const void *p, uint64_t n) {
   const T *v = static_cast<const T *>(p);
-  if constexpr (sizeof(T) == 8 || sizeof(T) == 16) {
-    T a = v[0], b = v[n - 1];
-    return (a == a ? 1.0 : 0.0) + (b == b ? 1.0 : 0.0);
-  } else {
-    return static_cast<double>(v[0]) + static_cast<double>(v[n - 1]);
-  }
+  const T a = v[0], b = v[n - 1];
+  return (a == a) + (b == b);
 }
-
-double TouchBlock(uint32_t type, const void *p, uint64_t n) {
-  switch (type) {
-    case TypeUint8: return Touch<uint8_t>(p, n);
-    case TypeUint16: return Touch<uint16_t>(p, n);
-    case TypeUint32: return Touch<uint32_t>(p, n);
-    case TypeUint64: return Touch<uint64_t>(p, n);
-    case TypeInt8: return Touch<int8_t>(p, n);
-    case TypeInt16: return Touch<int16_t>(p, n);
-    case TypeInt32: return Touch<int32_t>(p, n);
-    case TypeInt64: return Touch<int64_t>(p, n);
-    case TypeReal32: case TypeImag32: return Touch<float>(p, n);
-    case TypeReal64: case TypeImag64: return Touch<double>(p, n);
-    case TypeCmplx32: return Touch<std::complex<float>>(p, n);
-    case TypeCmplx64: return Touch<std::complex<double>>(p, n);
-    default: return 0;
-  }
-}
-
 volatile double gSink;
 
-// Every block of an opened image; read-write images get each block back unchanged.
-void Walk(ImageioHandle *h, const ImageDesc &desc, bool rewrite) {
+// Every block of an opened image: loaded as its element type, copied into the new images given, and
+// handed back for writing when rewrite is set.
+void Walk(ImageioHandle *h, const ImageDesc &desc, bool rewrite, const std::vector<ImageioHandle *> &copies = {}) {
   uint64_t count = 0;
   if (desc.dim < 1 || desc.dim > 4 || ArrayOffset(desc.dim, desc.len, TypeSize(desc.type), &count) != 0) return;
-  const uint64_t block = 1 << 16;
-  for (uint64_t first = 0; first < count; first += block) {
-    uint64_t n = count - first < block ? count - first : block;
+  const uint64_t parts = (desc.type >> 12) & 0xf, part = TypeSize(desc.type) / (parts ? parts : 1);
+  for (uint64_t first = 0, n; first < count; first += n) {
+    n = std::min<uint64_t>(count - first, 1 << 16);
     void *buf = ImageioBeginRead(h, first, n);
     if (!buf) return;
-    gSink = gSink + TouchBlock(desc.type, buf, n);
+    gSink = gSink + (part == 1 ? Touch<uint8_t>(buf, n * parts) : part == 2 ? Touch<uint16_t>(buf, n * parts)
+                     : part == 4 ? Touch<float>(buf, n * parts) : Touch<double>(buf, n * parts));
+    for (ImageioHandle *c : copies)
+      if (void *out = ImageioBeginWrite(c, first, n)) std::memcpy(out, buf, n * TypeSize(desc.type)), ImageioEndWrite(c, first, n, out);
     if (rewrite ? ImageioEndWrite(h, first, n, buf) : ImageioEndRead(h, first, n, buf)) return;
-  }
-}
-
-// Copies an opened image into a new file of each format that can hold it: header writing, labels,
-// geometry and statistics of arbitrary values.
-void CopyOut(ImageioHandle *src, const ImageDesc &desc, const std::string &base) {
-  uint64_t count = 0;
-  if (ArrayOffset(desc.dim, desc.len, TypeSize(desc.type), &count) != 0) return;
-  for (const char *fmt : {"zv", "mrc", "npy"}) {
-    ImageioParam param = ImageioParamDefault;
-    param.format = fmt;
-    ImageioHandle *dst = ImageioCreate((base + "." + fmt).c_str(), &desc, &param);
-    if (!dst) {
-      ExceptionClear();
-      continue;
-    }
-    const uint64_t block = 1 << 16;
-    for (uint64_t first = 0; first < count; first += block) {
-      uint64_t n = count - first < block ? count - first : block;
-      void *in = ImageioBeginRead(src, first, n);
-      void *out = in ? ImageioBeginWrite(dst, first, n) : nullptr;
-      if (out) std::memcpy(out, in, n * TypeSize(desc.type));
-      if (in) ImageioEndRead(src, first, n, in);
-      if (!out || ImageioEndWrite(dst, first, n, out)) break;
-    }
-    ImageioClose(dst);
-    ExceptionClear();
   }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  Setup();
-  const std::string path = TempPath(".in"), copy = TempPath(".rw");
-  if (!WriteFile(path, data, size)) return 0;
-  for (const char *caps : {"mmap", "read"}) {
-    ImageioParam param = ImageioParamDefault;
-    param.format = ZV_FUZZ_FORMAT;
-    param.caps = ImageioCapCheck(caps);
+  static const bool ready = (CoreSetFlushToZero(), ImageioModule.function(), ImageioSetHistory("zvcompute fuzz"), true);
+  (void)ready;
+  const std::string in = TempPath(".in"), rw = TempPath(".rw");
+  for (const std::string &path : {in, rw}) std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(data), size);
+  for (const char *caps : {"mmap", "read", "rw"}) {
+    ImageioParam param = {0, ZV_FUZZ_FORMAT, 0, caps[0] == 'r' && caps[1] == 'w' ? 0 : ImageioCapCheck(caps)};
     ImageDesc desc{};
-    ImageioHandle *h = ImageioOpenReadOnly(path.c_str(), &desc, &param);
-    ExceptionClear();
-    if (!h) {  // the second strategy opens the same header: no need to try it
-      unlink(path.c_str());
-      return 0;
+    ImageioHandle *h = caps[1] == 'w' ? ImageioOpenReadWrite(rw.c_str(), &desc, &param) : ImageioOpenReadOnly(in.c_str(), &desc, &param);
+    if (!h) break;  // the other strategies open the same header
+    std::vector<ImageioHandle *> copies;
+    for (const char *format : {"zv", "mrc", "npy"}) {  // header writing, labels, geometry and statistics
+      ImageioParam out = {0, format, 0, 0};
+      if (caps[0] == 'm')
+        if (ImageioHandle *c = ImageioCreate(TempPath(std::string(".out.") + format).c_str(), &desc, &out)) copies.push_back(c);
     }
-    Walk(h, desc, false);
-    if (std::strcmp(caps, "mmap") == 0) CopyOut(h, desc, TempPath(".out"));
+    Walk(h, desc, caps[1] == 'w', copies);
+    for (ImageioHandle *c : copies) ImageioClose(c);
     ImageioClose(h);
     ExceptionClear();
   }
-  // In place on a copy: statistics and labels are recomputed at the close.
-  if (WriteFile(copy, data, size)) {
-    ImageioParam param = ImageioParamDefault;
-    param.format = ZV_FUZZ_FORMAT;
-    ImageDesc desc{};
-    if (ImageioHandle *h = ImageioOpenReadWrite(copy.c_str(), &desc, &param)) {
-      Walk(h, desc, true);
-      ImageioClose(h);
-    }
-    ExceptionClear();
-  }
+  ExceptionClear();
   for (const char *suffix : {".in", ".rw", ".out.zv", ".out.mrc", ".out.npy"}) unlink(TempPath(suffix).c_str());
   return 0;
 }

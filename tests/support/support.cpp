@@ -7,116 +7,111 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 
 #include "platform/core/array.h"
-#include "platform/core/errors.h"
-#include "platform/imageio/imageio.h"
 
 TempDir::TempDir() {
   std::string tmpl = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/zvtest.XXXXXX");
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back(0);
-  if (!mkdtemp(buf.data())) std::abort();
-  path = buf.data();
+  if (!mkdtemp(tmpl.data())) std::abort();
+  path = tmpl;
 }
 
 TempDir::~TempDir() {
-  std::string cmd = "rm -rf '" + path + "'";
-  if (std::system(cmd.c_str()) != 0) {
-  }
+  if (std::system(("rm -rf '" + path + "'").c_str()) != 0) std::abort();
 }
 
-static std::string Drain(int fd) {
-  std::string s;
-  char buf[4096];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) break;
-    s.append(buf, static_cast<size_t>(n));
-  }
-  return s;
-}
+static double Now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
-RunResult RunTool(const std::vector<std::string> &args, const std::vector<std::string> &env,
-                  const std::string &cwd) {
-  RunResult r;
-  int outp[2], errp[2];
-  if (pipe(outp) != 0 || pipe(errp) != 0) return r;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(outp[1], 1);
-    dup2(errp[1], 2);
-    close(outp[0]);
-    close(errp[0]);
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
-    for (const std::string &e : env) putenv(const_cast<char *>(e.c_str()));
+Child Start(const std::vector<std::string> &args, const RunOptions &o) {
+  static int serial = 0;
+  const std::string base = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/zvrun-") +
+                           std::to_string(getpid()) + "-" + std::to_string(++serial);
+  Child c{-1, base + ".out", base + ".err", Now()};
+  std::fflush(nullptr);
+  c.pid = fork();
+  if (c.pid == 0) {
+    dup2(open(c.out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open(c.err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    if (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0) _exit(127);
+    for (const std::string &e : o.env) putenv(const_cast<char *>(e.c_str()));
+    rlimit r{o.fsize, o.fsize};
+    setrlimit(RLIMIT_FSIZE, &r);
+    if (o.body) {
+      o.body();
+      _exit(99);
+    }
     std::vector<char *> argv;
-    argv.push_back(const_cast<char *>(ZVCOMPUTE_BIN));
     for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);
-    execv(ZVCOMPUTE_BIN, argv.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
-  close(outp[1]);
-  close(errp[1]);
-  // Stderr is small in every test; read stdout then stderr.
-  r.out = Drain(outp[0]);
-  r.err = Drain(errp[0]);
-  close(outp[0]);
-  close(errp[0]);
+  return c;
+}
+
+RunResult Finish(Child &c) {
+  RunResult r;
   int st = 0;
-  waitpid(pid, &st, 0);
+  rusage ru{};
+  wait4(c.pid, &st, 0, &ru);
   r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  r.seconds = Now() - c.started;
+  r.max_rss_kb = ru.ru_maxrss;
+  r.out = ReadFileBytes(c.out_path);
+  r.err = ReadFileBytes(c.err_path);
+  unlink(c.out_path.c_str());
+  unlink(c.err_path.c_str());
   return r;
 }
 
-void WriteImage(const std::string &path, uint32_t type, const std::vector<uint64_t> &dims,
-                const void *data, uint32_t attr, const char *format) {
+bool WriteImage(const std::string &path, uint32_t type, const std::vector<uint64_t> &dims, const void *data,
+                const ImageioParam &param, const ImageioGeometry *geom, uint32_t attr) {
   std::vector<uint64_t> len = dims;
-  ImageDesc desc{len.size(), len.data(), 0, type, attr};
-  ImageioParam param = ImageioParamDefault;
-  param.format = format;
+  ImageDesc desc{len.size(), len.data(), reinterpret_cast<uint64_t>(geom), type, attr};
   ImageioHandle *h = ImageioCreate(path.c_str(), &desc, &param);
-  ASSERT_NE(h, nullptr) << ExceptionText(ExceptionCount() ? ExceptionCount() - 1 : 0);
-  uint64_t count = 0;
-  ASSERT_EQ(ArrayOffset(len.size(), len.data(), type & 0xff, &count), 0u);
-  if (count > 0) {
-    void *buf = ImageioBeginWrite(h, 0, count);
-    ASSERT_NE(buf, nullptr);
-    std::memcpy(buf, data, count * (type & 0xff));
-    ASSERT_EQ(ImageioEndWrite(h, 0, count, buf), 0u);
+  uint64_t n = 0;
+  if (!h || ArrayOffset(len.size(), len.data(), 1, &n)) return false;
+  if (n) {
+    void *b = ImageioBeginWrite(h, 0, n);
+    if (!b) return false;
+    std::memcpy(b, data, n * TypeSize(type));
+    if (ImageioEndWrite(h, 0, n, b)) return false;
   }
-  ASSERT_EQ(ImageioClose(h), 0u) << ExceptionText(ExceptionCount() ? ExceptionCount() - 1 : 0);
+  return ImageioClose(h) == 0;
 }
 
 TestImage ReadImage(const std::string &path) {
   TestImage img;
-  ImageDesc desc{};
-  ImageioHandle *h = ImageioOpenReadOnly(path.c_str(), &desc, &ImageioParamDefault);
-  EXPECT_NE(h, nullptr) << path << ": " << ExceptionText(ExceptionCount() ? ExceptionCount() - 1 : 0);
-  if (!h) {
-    ExceptionClear();
-    return img;
-  }
-  img.type = desc.type;
-  img.attr = desc.attr;
-  img.dims.assign(desc.len, desc.len + desc.dim);
-  uint64_t count = 0;
-  EXPECT_EQ(ArrayOffset(desc.dim, desc.len, desc.type & 0xff, &count), 0u);
-  img.data.resize(count * (desc.type & 0xff));
-  if (count > 0) {
-    void *buf = ImageioBeginRead(h, 0, count);
-    EXPECT_NE(buf, nullptr);
-    if (buf) {
-      std::memcpy(img.data.data(), buf, img.data.size());
-      ImageioEndRead(h, 0, count, buf);
-    }
+  ImageDesc d{};
+  ImageioHandle *h = ImageioOpenReadOnly(path.c_str(), &d, &ImageioParamDefault);
+  EXPECT_NE(h, nullptr) << path << ": " << LastError();
+  if (!h) return ExceptionClear(), img;
+  img.type = d.type;
+  img.attr = d.attr;
+  img.dims.assign(d.len, d.len + d.dim);
+  uint64_t n = 0;
+  EXPECT_EQ(ArrayOffset(d.dim, d.len, 1, &n), 0u);
+  img.data.resize(n * TypeSize(d.type));
+  if (void *b = n ? ImageioBeginRead(h, 0, n) : nullptr) {
+    std::memcpy(img.data.data(), b, img.data.size());
+    ImageioEndRead(h, 0, n, b);
   }
   ImageioClose(h);
   return img;
+}
+
+std::vector<unsigned char> Pattern(uint32_t type, uint64_t count, unsigned seed) {
+  std::vector<unsigned char> v(count * TypeSize(type));
+  uint32_t x = 2463534242u + seed;
+  for (auto &b : v) {
+    x ^= x << 13, x ^= x >> 17, x ^= x << 5;
+    b = static_cast<unsigned char>(x >> 11);
+  }
+  return v;
 }
 
 bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
@@ -129,17 +124,14 @@ std::string ReadFileBytes(const std::string &path) {
 }
 
 void WriteFileBytes(const std::string &path, const std::string &bytes) {
-  std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 std::vector<std::string> ListDir(const std::string &path) {
   std::vector<std::string> names;
   if (DIR *d = opendir(path.c_str())) {
-    while (dirent *e = readdir(d)) {
-      std::string n = e->d_name;
-      if (n != "." && n != "..") names.push_back(n);
-    }
+    while (dirent *e = readdir(d))
+      if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) names.push_back(e->d_name);
     closedir(d);
   }
   std::sort(names.begin(), names.end());

@@ -1,0 +1,236 @@
+// The formats behind the library's one interface: every element type and shape written and read
+// back in each format that holds it (and refused, before anything is created, where it cannot), then
+// what each format keeps besides the data: MRC statistics, axes, geometry, labels, byte orders and
+// converted modes; NPY versions, byte orders, kinds and column-major arrays; the native header.
+#include <algorithm>
+#include <cmath>
+
+#include "imageio_helpers.h"
+
+namespace {
+
+const Dims kShapes[] = {{7}, {5, 3}, {4, 3, 2}, {3, 2, 2, 3}, {0}, {4, 0, 2}, {0, 2, 1, 3}};
+
+bool Holds(char format, uint32_t t) {
+  if (format == 'n') return t != TypeImag32 && t != TypeImag64;
+  return format == 'z' || t == TypeInt8 || t == TypeUint8 || t == TypeInt16 || t == TypeUint16 || t == TypeReal32 ||
+         t == TypeCmplx32;
+}
+
+TEST_F(ImageioTest, EveryTypeAndShapeInEveryFormat) {
+  for (const char *format : {"zv", "mrc", "npy"})
+    for (const char *caps : {"mmap", "read", "mmap,sync"})
+      for (uint32_t type : kAllTypes)
+        for (const Dims &dims : kShapes) {
+          if (caps[4] && format[0] != 'z') continue;  // syncing is the same for every format
+          const std::string path = dir / (std::string("a.") + format), what = format + std::string(" ") + TypeIdent(type);
+          const auto data = Pattern(type, Count(dims), type + static_cast<unsigned>(dims.size()));
+          const bool written = WriteImage(path, type, dims, data.data(), Caps(caps), nullptr, 0xa);
+          if (!Holds(format[0], type)) {
+            EXPECT_FALSE(written) << what;
+            EXPECT_NE(LastError().find(format[0] == 'm' ? "write a .npy file or the native format instead" : "native format"), std::string::npos) << LastError();
+            ExpectError(E_IMAGEIO_TYPE, TypeIdent(type));
+            EXPECT_FALSE(FileExists(path));
+            continue;
+          }
+          ASSERT_TRUE(written) << what << ": " << LastError();
+          ImageDesc d{};
+          ImageioHandle *h = OpenRead(path, &d, nullptr, caps);
+          ASSERT_NE(h, nullptr) << LastError();
+          const Dims want = format[0] == 'm' && dims.size() == 1 ? Dims{dims[0], 1} : dims;
+          EXPECT_TRUE(d.type == type && Dims(d.len, d.len + d.dim) == want) << what << " " << dims.size();
+          EXPECT_EQ(d.attr, format[0] == 'z' ? 0xau : 0u) << what;
+          EXPECT_EQ(ReadBlock(h, type, 0, Count(dims)), data) << what;
+          ImageioMeta meta{};
+          EXPECT_EQ(ImageioGetMeta(h, &meta) | ImageioClose(h), 0u);
+          EXPECT_EQ(meta.format + std::to_string(meta.state2), format + std::string("1"));
+          // Header sizes: native 4096, MRC 1024, NPY padded to a multiple of 64 ending in a newline.
+          const std::string s = ReadFileBytes(path);
+          const size_t header = format[0] == 'z' ? 4096 : format[0] == 'm' ? 1024 : 10 + Get<uint16_t>(s, 8);
+          EXPECT_TRUE(s.size() == header + data.size() && header % 64 == 0 && (format[0] != 'n' || s[header - 1] == '\n')) << what;
+          EXPECT_EQ(ListDir(dir.path), std::vector<std::string>{std::string("a.") + format});
+          std::remove(path.c_str());
+        }
+}
+
+// Header statistics against population statistics of the values; none: marked undetermined.
+void ExpectStats(const std::string &s, const std::vector<double> &v) {
+  const float dmin = Get<float>(s, 76), dmax = Get<float>(s, 80), dmean = Get<float>(s, 84), rms = Get<float>(s, 216);
+  if (v.empty()) {
+    EXPECT_TRUE(dmax < dmin && dmean < std::min(dmin, dmax) && rms < 0) << dmin << " " << dmax << " " << dmean;
+    return;
+  }
+  long double mean = 0, ss = 0;
+  for (double x : v) mean += x / v.size();
+  for (double x : v) ss += (x - mean) * (x - mean);
+  EXPECT_EQ(dmin, static_cast<float>(*std::min_element(v.begin(), v.end())));
+  EXPECT_EQ(dmax, static_cast<float>(*std::max_element(v.begin(), v.end())));
+  EXPECT_NEAR(dmean, mean, 1e-5 * (1 + std::fabs(mean)));
+  EXPECT_NEAR(rms, std::sqrt(ss / v.size()), 1e-5 * (1 + std::fabs(mean)));
+}
+
+// Statistics of what is stored (numpy checks them on every type): blocks written out of order, a
+// file never written, unsigned bytes only when they all read the same as signed bytes; IMOD's stamp
+// and signed flag on bytes; lengths the header cannot hold (nx, or nz = axis 2 x axis 3).
+TEST_F(ImageioTest, MrcStatisticsAndLimits) {
+  std::vector<float> v(1000);
+  for (size_t i = 0; i < v.size(); ++i) v[i] = 1000.0f + static_cast<float>((i * 37) % 101) * 0.5f;
+  Dims dims = {10, 100};
+  ImageDesc desc{2, dims.data(), 0, TypeReal32, 0};
+  const std::string path = dir / "s.mrc";
+  ImageioHandle *h = ImageioCreate(path.c_str(), &desc, &ImageioParamDefault);
+  for (uint64_t first : {750, 250, 500, 0}) {
+    void *b = ImageioBeginWrite(h, first, 250);
+    std::memcpy(b, v.data() + first, 250 * 4);
+    ASSERT_EQ(ImageioEndWrite(h, first, 250, b), 0u);
+  }
+  ASSERT_EQ(ImageioClose(h), 0u);
+  ExpectStats(ReadFileBytes(path), std::vector<double>(v.begin(), v.end()));
+  ImageioClose(ImageioCreate(path.c_str(), &desc, &ImageioParamDefault));
+  ExpectStats(ReadFileBytes(path), std::vector<double>(1000, 0.0));
+  for (auto [type, bytes, stats] : {std::tuple{TypeUint8, std::string("\x00\x7f\x40", 3), std::vector<double>{0, 127, 64}},
+                                    {TypeUint8, std::string("\x00\x80\x40", 3), std::vector<double>{}},
+                                    {TypeInt8, std::string("\x80\x7f\xff\x80\x00\x7f\x03", 7), {-128, 127, -1, -128, 0, 127, 3}}}) {
+    ASSERT_TRUE(WriteImage(path, type, {bytes.size()}, bytes.data()));
+    const std::string s = ReadFileBytes(path);
+    ExpectStats(s, stats);
+    EXPECT_TRUE(Get(s, 12) == 0 && Get(s, 152) == 1146047817u && (Get(s, 156) & 1) == (type == TypeInt8));
+  }
+  for (Dims big : {Dims{1ull << 31, 1}, Dims{2, 2, 1u << 16, 1u << 15}}) {
+    EXPECT_FALSE(WriteImage(dir / "x.mrc", TypeUint8, big, nullptr));
+    ExpectError(E_IMAGEIO_SIZE);
+  }
+}
+
+TEST_F(ImageioTest, MrcAxesSpaceGroupAndGeometry) {
+  struct Case { Dims dims; int32_t sg_in; uint32_t nz, mz, ispg; };  // sg_in -1: no geometry
+  const Case cases[] = {{{5}, -1, 1, 1, 0},           {{5, 4}, -1, 1, 1, 0},          {{5, 4, 3}, -1, 3, 3, 1},
+                        {{5, 4, 3}, 0, 3, 1, 0},      // an image stack stays a stack
+                        {{5, 4, 3}, 19, 3, 3, 19},    // a volume keeps its space group
+                        {{5, 4, 3, 2}, -1, 6, 3, 401}, {{5, 4, 3, 2}, 419, 6, 3, 419}, {{5, 4, 1, 3}, 1, 3, 1, 401}};
+  for (const Case &c : cases) {
+    ImageioGeometry g{{1.25, 2.5, 4.0}, {-3.5, 0.25, 100}, {3, 1, 2}, c.sg_in};
+    const auto data = Pattern(TypeInt16, Count(c.dims));
+    ASSERT_TRUE(WriteImage(dir / "g.mrc", TypeInt16, c.dims, data.data(), ImageioParamDefault, c.sg_in >= 0 ? &g : nullptr));
+    const std::string s = ReadFileBytes(dir / "g.mrc");
+    EXPECT_EQ(std::tuple(Get(s, 8), Get(s, 36), Get(s, 88)), std::tuple(c.nz, c.mz, c.ispg)) << c.dims.size();  // nz mz ispg
+    ImageDesc d{};
+    ImageioHandle *h = OpenRead(dir / "g.mrc", &d);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(Dims(d.len, d.len + d.dim), c.dims.size() == 1 ? Dims({5, 1}) : c.dims);
+    auto *r = reinterpret_cast<const ImageioGeometry *>(d.geom);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->spacegroup, static_cast<int32_t>(c.ispg));
+    const ImageioGeometry none{{0, 0, 0}, {0, 0, 0}, {1, 2, 3}, 0}, &want = c.sg_in >= 0 ? g : none;
+    for (int i = 0; i < 3; ++i)
+      EXPECT_TRUE(r->voxel[i] == want.voxel[i] && r->origin[i] == want.origin[i] && r->axisorder[i] == want.axisorder[i]) << i;
+    EXPECT_TRUE(c.sg_in < 0 || (Get<float>(s, 40) == 1.25f * 5 && Get<float>(s, 48) == 4.0f * static_cast<float>(c.mz)));  // cell
+    ImageioClose(h);
+  }
+}
+
+template <class T> std::string Swapped(const std::vector<T> &v) {  // big-endian bytes
+  std::string s = Bytes(v);
+  for (size_t i = 0; i < s.size(); i += sizeof(T)) std::reverse(s.begin() + i, s.begin() + i + sizeof(T));
+  return s;
+}
+
+// What mrcfile does not write: a non-standard stamp (the byte order that makes sense wins), binary16
+// specials, mode 3 pairs of int16 in both byte orders, and mode 0 with and without IMOD's stamp.
+TEST_F(ImageioTest, MrcStampsAndConvertedModes) {
+  std::string odd = MrcHeader(1, 1, 1, 2, true, Swapped(std::vector<float>{1}));
+  odd[212] = odd[213] = 0x22;
+  WriteFileBytes(dir / "odd.mrc", odd);
+  EXPECT_EQ(ReadImage(dir / "odd.mrc").as<float>(), std::vector<float>{1.0f});
+  WriteFileBytes(dir / "h.mrc", MrcHeader(6, 1, 1, 12, false, Bytes(std::vector<uint16_t>{0x3c00, 0xc000, 0x0001, 0x7c00, 0x8000, 0x3555})));
+  for (const char *caps : {"mmap", "read"}) {
+    ImageDesc d{};
+    ImageioHandle *h = OpenRead(dir / "h.mrc", &d, nullptr, caps);
+    ASSERT_TRUE(h && d.type == TypeReal32);
+    const auto raw = ReadBlock(h, TypeReal32, 1, 5);
+    std::vector<float> f(5);
+    std::memcpy(f.data(), raw.data(), 20);
+    EXPECT_EQ(f, (std::vector<float>{-2.0f, std::ldexp(1.0f, -24), INFINITY, 0.0f, 0.333251953125f}));
+    EXPECT_TRUE(std::signbit(f[3]));
+    ImageioClose(h);
+  }
+  const std::vector<int16_t> pairs = {-32768, 5, 32767, -1};
+  for (bool big : {false, true}) {
+    WriteFileBytes(dir / "c.mrc", MrcHeader(2, 1, 1, 3, big, big ? Swapped(pairs) : Bytes(pairs)));
+    EXPECT_EQ(ReadImage(dir / "c.mrc").as<float>(), (std::vector<float>{-32768, 5, 32767, -1}));
+  }
+  std::string b = MrcHeader(2, 1, 1, 0, false, "\xff\x01");
+  for (auto [off, value, type] : {std::tuple{0, 0u, TypeInt8}, {152, 1146047817u, TypeUint8}, {156, 1u, TypeInt8}}) {
+    if (off) Put32(b, off, value);
+    WriteFileBytes(dir / "b.mrc", b);
+    EXPECT_EQ(ReadImage(dir / "b.mrc").type, type) << off;
+  }
+}
+
+// No "MAP " stamp: recognised by a header that matches the file size exactly; a volume-stack space
+// group whose mz does not divide nz reads as a volume.
+TEST_F(ImageioTest, MrcOldStyleFilesAndOddStacks) {
+  const std::string old = MrcHeader(3, 2, 1, 1, false, std::string(12, '\x01')).replace(208, 8, std::string(8, '\0'));
+  WriteFileBytes(dir / "old.dat", old);
+  const TestImage r = ReadImage(dir / "old.dat");
+  EXPECT_TRUE(r.type == TypeInt16 && r.dims == Dims({3, 2, 1}));
+  WriteFileBytes(dir / "old2.dat", old + "x");
+  ExpectOpenFails(dir / "old2.dat", E_IMAGEIO_FORMAT, "matches none");
+  std::string vs = MrcHeader(2, 1, 3, 1, false, std::string(12, '\0'));
+  Put32(vs, 88, 401);
+  Put32(vs, 36, 2);
+  WriteFileBytes(dir / "vs.mrc", vs);
+  EXPECT_EQ(ReadImage(dir / "vs.mrc").dims, (Dims{2, 1, 3}));
+}
+
+// Headers as other writers lay them out: double quotes, L suffixes, odd spacing, no padding and no
+// final newline, and bytes after the data.
+TEST_F(ImageioTest, NpyHeadersOfOtherWriters) {
+  const std::vector<int32_t> v = {1, -2, 3, -4, 5, -6};
+  std::string be;
+  for (int32_t x : v) be += Bytes(std::vector<uint32_t>{__builtin_bswap32(static_cast<uint32_t>(x))});
+  const std::string hdr = "{\"shape\":(2L,3L),\"descr\":\">i4\",   \"fortran_order\" : False}";
+  WriteFileBytes(dir / "be.npy", std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>(hdr.size()) + '\0' + hdr + be + "extra");
+  for (const char *caps : {"mmap", "read"}) {
+    ImageDesc d{};
+    ImageioHandle *h = OpenRead(dir / "be.npy", &d, nullptr, caps);
+    ASSERT_NE(h, nullptr) << LastError();
+    const std::string le = Bytes(v);
+    EXPECT_EQ(ReadBlock(h, TypeInt32, 1, 4), std::vector<unsigned char>(le.begin() + 4, le.begin() + 20));
+    ImageioClose(h);
+  }
+}
+
+TEST_F(ImageioTest, NativeFileLayoutGeometryAndHistory) {
+  const std::vector<int16_t> v = {1, -2, 3, -4, 5, -6};
+  ImageioGeometry g{{1.5, 2.5, 3.5}, {-1, 0, 7}, {2, 1, 3}, 401};
+  ImageioSetHistory("first\tcommand");
+  ASSERT_TRUE(WriteImage(dir / "a.zv", TypeInt16, {3, 2}, v, ImageioParamDefault, &g, 10));
+  std::string s = ReadFileBytes(dir / "a.zv");
+  EXPECT_EQ(s.substr(0, 8), std::string("\x89ZVIMG\r\n"));
+  // version, type, attr, axes, lengths, data offset, data size; then the data
+  for (auto [off, want] : {std::pair{8, 1u}, {12, TypeInt16}, {16, 10u}, {20, 2u}, {24, 3u}, {32, 2u}, {56, 4096u}, {64, 12u}})
+    EXPECT_EQ(Get(s, off), want) << off;
+  EXPECT_EQ(s.substr(4096), Bytes(v));
+  // Each copy of the previous file adds a history line; only the last ten stay.
+  for (int i = 0; i < 12; ++i) {
+    ImageDesc d{};
+    ImageioHandle *src = OpenRead(dir / "a.zv", &d);
+    ASSERT_NE(src, nullptr);
+    auto *r = reinterpret_cast<const ImageioGeometry *>(d.geom);
+    ASSERT_TRUE(r && r->voxel[2] == 3.5 && r->origin[0] == -1.0 && r->axisorder[0] == 2 && r->spacegroup == 401);
+    void *b = ImageioBeginRead(src, 0, 6);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % 64, 0u);  // mapped data suits any element type
+    ImageioEndRead(src, 0, 6, b);
+    ImageioSetHistory(("step " + std::to_string(i)).c_str());
+    ASSERT_TRUE(WriteImage(dir / "b.zv", TypeInt16, {3, 2}, v, ImageioParamDefault, r));
+    ImageioClose(src);
+    ASSERT_EQ(rename((dir / "b.zv").c_str(), (dir / "a.zv").c_str()), 0);
+  }
+  ImageioSetHistory("");
+  s = ReadFileBytes(dir / "a.zv");
+  EXPECT_TRUE(Get(s, 140) == 10u && s.substr(256, 6) == "step 2" && s.substr(256 + 9 * 80, 7) == "step 11");
+  EXPECT_EQ(s.find("first"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,133 @@
+// Hostile files: each is refused by the library with its code and a reason naming the file, and by
+// the tool, as an operand and as the file of an in-place run, with one error line, exit status 1, in
+// little time and memory, the file unchanged and nothing created.
+#include <sys/stat.h>
+
+#include "imageio_helpers.h"
+
+namespace {
+
+struct Hostile {
+  char format;  // the good file patched: z native, m MRC, n NPY
+  void (*patch)(std::string &);
+  uint32_t code;
+  const char *part;
+  const char *forced = nullptr;  // opened as this format instead of by content
+};
+
+std::string Many(const char *item, int n) {
+  std::string s = "(";
+  for (int i = 0; i < n; ++i) s += item;
+  return s + ")";
+}
+const std::string kData(24, '\0');  // 2 x 3 float32
+std::string NpyWith(const char *descr, const char *shape, const std::string &data = kData) { return Npy(Dict(descr, shape), data); }
+
+const Hostile kCases[] = {
+    {'z', [](std::string &s) { s[1] = 'X'; }, E_IMAGEIO_FORMAT, "matches none"},
+    {'z', [](std::string &s) { Put32(s, 8, 2); }, E_IMAGEIO_HEADER, "version 2"},
+    {'z', [](std::string &s) { Put32(s, 12, 0x501003); }, E_IMAGEIO_HEADER, "element type"},
+    {'z', [](std::string &s) { Put32(s, 20, 0); }, E_IMAGEIO_DIM, "0 axes"},
+    {'z', [](std::string &s) { Put32(s, 20, 5); }, E_IMAGEIO_DIM, "5 axes"},
+    {'z', [](std::string &s) { Put64(s, 24, 1ull << 33), Put64(s, 32, 1ull << 31); }, E_IMAGEIO_SIZE, "overflow"},
+    {'z', [](std::string &s) { Put32(s, 20, 4), Put64(s, 40, 1ull << 32), Put64(s, 48, 1ull << 32); }, E_IMAGEIO_SIZE, "overflow"},
+    {'z', [](std::string &s) { Put64(s, 64, 20); }, E_IMAGEIO_HEADER, "data size"},
+    {'z', [](std::string &s) { Put64(s, 24, 1000), Put64(s, 64, 12000); }, E_IMAGEIO_READ, "shorter than its header"},
+    {'z', [](std::string &s) { Put32(s, 20, 3), Put64(s, 24, 1000), Put64(s, 32, 1000), Put64(s, 40, 1000), Put64(s, 64, 4000000000ull); },
+     E_IMAGEIO_READ, "shorter than its header"},
+    {'z', [](std::string &s) { Put64(s, 56, 100); }, E_IMAGEIO_HEADER, "data offset"},
+    {'z', [](std::string &s) { Put64(s, 56, 1ull << 62); }, E_IMAGEIO_READ, "shorter"},
+    {'z', [](std::string &s) { Put64(s, 56, ~0ull - 63); }, E_IMAGEIO_READ, "shorter"},
+    {'z', [](std::string &s) { s.pop_back(); }, E_IMAGEIO_READ, "shorter"},
+    {'z', [](std::string &s) { s.resize(4096); }, E_IMAGEIO_READ, "shorter"},
+    {'z', [](std::string &s) { s += "zz"; }, E_IMAGEIO_HEADER, "does not match"},
+    {'z', [](std::string &s) { s.resize(900); }, E_IMAGEIO_HEADER, "too short"},
+    {'z', [](std::string &s) { s.clear(); }, E_IMAGEIO_HEADER, "empty file"},
+    {'z', [](std::string &s) { s = "just some text\n"; }, E_IMAGEIO_FORMAT, "zv, mrc, npy"},
+    {'z', [](std::string &s) { s = std::string(5000, 'x'); }, E_IMAGEIO_FORMAT, "matches none"},
+    {'m', [](std::string &s) { Put32(s, 0, static_cast<uint32_t>(-4)); }, E_IMAGEIO_HEADER, "nx = -4"},
+    {'m', [](std::string &s) { Put32(s, 4, 0xfffffffe); }, E_IMAGEIO_HEADER, "ny = -2"},
+    {'m', [](std::string &s) { Put32(s, 8, 0x80000000u); }, E_IMAGEIO_HEADER, "nz"},
+    {'m', [](std::string &s) { Put32(s, 0, 0x7fffffff), Put32(s, 4, 0x7fffffff), Put32(s, 8, 0x7fffffff); }, E_IMAGEIO_SIZE, "overflow"},
+    {'m', [](std::string &s) { Put32(s, 0, 0x7fffffff), Put32(s, 4, 1000); }, E_IMAGEIO_READ, "shorter than its header"},
+    {'m', [](std::string &s) { Put32(s, 92, 5000); }, E_IMAGEIO_HEADER, "extends past the end"},
+    {'m', [](std::string &s) { Put32(s, 92, 0x7fffffff); }, E_IMAGEIO_HEADER, "extends past the end"},
+    {'m', [](std::string &s) { Put32(s, 92, static_cast<uint32_t>(-8)); }, E_IMAGEIO_HEADER, "negative extended"},
+    {'m', [](std::string &s) { Put32(s, 92, 16); }, E_IMAGEIO_READ, "shorter"},
+    {'m', [](std::string &s) { Put32(s, 12, 7); }, E_IMAGEIO_HEADER, "unknown MRC mode 7"},
+    {'m', [](std::string &s) { Put32(s, 12, 101); }, E_IMAGEIO_TYPE, "4-bit"},
+    {'m', [](std::string &s) { s.resize(1030); }, E_IMAGEIO_READ, "shorter"},
+    {'m', [](std::string &s) { s.resize(1024); }, E_IMAGEIO_READ, "shorter"},
+    {'m', [](std::string &s) { s += "abc"; }, E_IMAGEIO_HEADER, "does not match"},
+    {'m', [](std::string &s) { s.resize(500); }, E_IMAGEIO_FORMAT, "matches none"},
+    {'m', [](std::string &s) { s.resize(500); }, E_IMAGEIO_HEADER, "too short", "mrc"},
+    {'m', [](std::string &s) { s.resize(500); }, E_IMAGEIO_HEADER, "not an NPY file", "npy"},
+    {'n', [](std::string &s) { s = Npy("{'descr': '<f4', 'shape': (2, 3), }", kData); }, E_IMAGEIO_HEADER, "missing key"},
+    {'n', [](std::string &s) { s = Npy(Dict("<f4", "(2, 3)") + "'x': 1}", kData); }, E_IMAGEIO_HEADER, "after the dict"},
+    {'n', [](std::string &s) { s = Npy("{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), 'x': 1}", kData); }, E_IMAGEIO_HEADER, "'x'"},
+    {'n', [](std::string &s) { s = Npy("{'descr': '<f4', 'descr': '<f4', 'fortran_order': False, 'shape': (2, 3)}", kData); }, E_IMAGEIO_HEADER, "repeated"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(2, -3)"); }, E_IMAGEIO_HEADER, "negative"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(-1, 3)", ""); }, E_IMAGEIO_HEADER, "negative"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(2.5, 3)"); }, E_IMAGEIO_HEADER, "shape"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "[2, 3]"); }, E_IMAGEIO_HEADER, "tuple"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(99999999999999999999, 3)"); }, E_IMAGEIO_SIZE, "overflow"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(4611686018427387904,)"); }, E_IMAGEIO_SIZE, "overflow"},  // 2^64 bytes
+    {'n', [](std::string &s) { s = NpyWith("<i2", "(4611686018427387904,)"); }, E_IMAGEIO_READ, "shorter"},  // 2^63 bytes
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(4294967296, 4294967296)"); }, E_IMAGEIO_SIZE, "overflow"},
+    {'n', [](std::string &s) { s = NpyWith("<c16", "(4294967296, 4294967296)", ""); }, E_IMAGEIO_SIZE, "overflow"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", Many("2, ", 100000).c_str(), ""); }, E_IMAGEIO_HEADER, "malformed 'shape'"},
+    {'n', [](std::string &s) { s = Npy(Dict("<f4", "(2, 3)", "0"), kData); }, E_IMAGEIO_HEADER, "True or False"},
+    {'n', [](std::string &s) { s = NpyWith("<U4", "(2, 3)"); }, E_IMAGEIO_TYPE, "'<U4'"},
+    {'n', [](std::string &s) { s = Npy("{'descr': [('a', '<f4')], 'fortran_order': False, 'shape': (2, 3), }", kData); }, E_IMAGEIO_HEADER, "descr"},
+    {'n', [](std::string &s) { s = NpyWith("f4", "(2, 3)"); }, E_IMAGEIO_TYPE, "not supported"},
+    {'n', [](std::string &s) { s = Npy("{'descr': '<f4' 'fortran_order': False, 'shape': (2, 3), }", kData); }, E_IMAGEIO_HEADER, "NPY header"},
+    {'n', [](std::string &s) { s = Npy("['descr', '<f4']", kData); }, E_IMAGEIO_HEADER, "not a dict"},
+    {'n', [](std::string &s) { s = NpyWith("<f8", "(2, 3)"); }, E_IMAGEIO_READ, "shorter than its header"},
+    {'n', [](std::string &s) { s = NpyWith("<f8", "(1000000, 1000000)", "abcd"); }, E_IMAGEIO_READ, "shorter than its header"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(3, 4)", ""); }, E_IMAGEIO_READ, "shorter than its header"},
+    {'n', [](std::string &s) { s[6] = 4; }, E_IMAGEIO_HEADER, "version 4"},
+    {'n', [](std::string &s) { s[8] = '\xff', s[9] = '\x7f'; }, E_IMAGEIO_HEADER, "past the end"},
+    {'n', [](std::string &s) { s = std::string("\x93NUMPY\x02\x00\xff\xff\xff\xff{", 13); }, E_IMAGEIO_HEADER, "header too long"},
+    {'n', [](std::string &s) { s.resize(9); }, E_IMAGEIO_HEADER, "file too short"},
+};
+
+// Refused by the library, then by the tool as an operand and in place.
+void ExpectRefused(const TempDir &dir, const std::string &in, uint32_t code, const char *part, const char *forced) {
+  ExpectOpenFails(in, code, part, forced);
+  const std::string bytes = ReadFileBytes(in);
+  for (bool inplace : {false, true}) {
+    std::vector<std::string> args = inplace ? std::vector<std::string>{in, "*", "2"} : std::vector<std::string>{dir / "o.img", "=", in, "+", "1"};
+    if (forced) args.insert(args.begin(), {inplace ? "-fmt" : "-fmtin", forced});
+    const RunResult r = RunTool(args);
+    EXPECT_EQ(r.status, 1) << in;
+    EXPECT_NE(r.err.find(in), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_TRUE(r.seconds < 5 && r.max_rss_kb < 200 * 1024) << in << ": " << r.seconds << " s, " << r.max_rss_kb << " kB";
+    EXPECT_EQ(ReadFileBytes(in), bytes) << in;
+    EXPECT_FALSE(FileExists(dir / "o.img")) << in;
+  }
+}
+
+TEST_F(ImageioTest, HostileFilesAreRefused) {
+  ASSERT_TRUE(WriteImage(dir / "good.zv", TypeUint32, {2, 3}, std::vector<uint32_t>{1, 2, 3, 4, 5, 6}));
+  const std::string good[] = {ReadFileBytes(dir / "good.zv"), MrcHeader(4, 2, 1, 2, false, std::string(32, '\0')),
+                              NpyWith("<f4", "(2, 3)")};
+  int i = 0;
+  for (const Hostile &c : kCases) {
+    std::string s = good[c.format == 'z' ? 0 : c.format == 'm' ? 1 : 2], path = dir / ("h" + std::to_string(i++) + "." + c.format);
+    c.patch(s);
+    WriteFileBytes(path, s);
+    ExpectRefused(dir, path, c.code, c.part, c.forced);
+  }
+  // Not regular files at all.
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  for (auto [path, part] : {std::pair{dir / "missing.zv", "No such file or directory"}, {dir.path, "Is a directory"},
+                            {dir / "fifo", "not a regular file"}, {std::string("/dev/zero"), "not a regular file"}}) {
+    ExpectOpenFails(path, E_IMAGEIO_OPEN, part);
+    const RunResult r = RunTool({dir / "o.img", "=", path, "+", "1"});
+    EXPECT_TRUE(r.status == 1 && r.err.find(path) != std::string::npos && r.seconds < 5) << r.err;
+  }
+  EXPECT_FALSE(FileExists(dir / "o.img"));
+}
+
+}  // namespace
