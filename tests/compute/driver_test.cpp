@@ -26,7 +26,8 @@ void Inputs(const TempDir &dir) {
       {"10", TypeReal32, {2}, B<float>({100, 200})},            {"e.img", TypeReal32, {5, 0}, {}},
       {"a3.img", TypeReal32, {4, 4, 3}, std::vector<unsigned char>(192)}, {"b2.img", TypeReal32, {4, 4}, std::vector<unsigned char>(64)},
       {"c2.img", TypeReal32, {4, 2}, std::vector<unsigned char>(32)}, {"f2.img", TypeReal32, {4, 4}, std::vector<unsigned char>(64), 2},
-      {"d4.img", TypeReal32, {4, 4, 2, 5}, std::vector<unsigned char>(640)}};
+      {"d4.img", TypeReal32, {4, 4, 2, 5}, std::vector<unsigned char>(640)},
+      {"big.img", TypeReal32, {2, 1, 1, 3}, B<float>({0, 1, 2, 3, 4, 5})}, {"small.img", TypeReal32, {2}, B<float>({1000, 2000})}};
   for (const In &in : inputs) ASSERT_TRUE(WriteImage(dir / in.name, in.type, in.dims, in.data.data(), ImageioParamDefault, nullptr, in.attr));
 }
 
@@ -71,6 +72,10 @@ TEST(Driver, CommandsThatSucceed) {
       {{"-h", "o", "=", "f.img", "*", "2"}, "o", TypeCmplx32, B<float>({2, 4, 6, 8}), 10},
       {{"-h", "o", "=", "abs", "f.img"}, "o", TypeReal32, B<float>({r5, 5}), 2},
       {{"o", "=", "e.img", "+", "1"}, "o", TypeReal32, {}, 0, {5, 0}},
+      // A smaller operand that is a slice of a four-axis image is applied to every slice.
+      {{"o", "=", "big.img", "-", "small.img"}, "o", TypeReal32, B<float>({-1000, -1999, -998, -1997, -996, -1995}), 0, {2, 1, 1, 3}},
+      {{"o", "=", "small.img", "-", "big.img"}, "o", TypeReal32, B<float>({1000, 1999, 998, 1997, 996, 1995}), 0, {2, 1, 1, 3}},
+      {{"big.img", "-", "small.img"}, "big.img", TypeReal32, B<float>({-1000, -1999, -998, -1997, -996, -1995}), 0, {2, 1, 1, 3}},
   };
   for (const Success &c : cases) {
     TempDir dir;
@@ -108,14 +113,18 @@ TEST(Driver, CommandsThatFail) {
       {{"o", "=", "a.img", "real32", "2"}, "zvcompute: invalid call: 'real32' has no two-operand form\n"},
       {{"o", "=", "a3.img", "abs2", "a3.img"}, "zvcompute: invalid call: 'abs2' has no two-operand form\n"},
       {{"o", "=", "nope.img", "+", "1"}, "zvcompute: cannot open file: nope.img: No such file or directory\n"},
+      {{"no/o", "=", "+", "a.img"}, "zvcompute: cannot create file: no/o: No such file or directory\n"},
+      {{".", "=", "+", "a.img"}, "zvcompute: cannot create file: .: Is a directory\n"},
       {{"o", "=", "a3.img", "+", "b2.img"}, "zvcompute: incompatible image: b2.img\n"},
       {{"o", "=", "b2.img", "+", "f2.img"}, "zvcompute: incompatible image: f2.img\n"},
       {{"o", "=", "d4.img", "+", "b2.img"}, "zvcompute: array size mismatch, file d4.img\n"},
       {{"o", "=", "b2.img", "+", "c2.img"}, "zvcompute: array size mismatch, file c2.img\n"},
       {{"b2.img", "+", "d4.img"}, "zvcompute: invalid number of dimensions (an image has 1 to 4 axes): d4.img\n"},
+      {{"small.img", "-", "big.img"}, "zvcompute: invalid number of dimensions (an image has 1 to 4 axes): big.img\n"},
       {{"o", "=", "s.img", "and", "t.img"}, "zvcompute: invalid data type, file t.img\n"},
       // The int16 parser stops at the point, so 2.5 is taken as a file name.
       {{"s.img", "and", "2.5"}, "zvcompute: cannot open file: 2.5: No such file or directory\n"},
+      {{"c.img", "and", "128"}, "zvcompute: cannot open file: 128: No such file or directory\n"},  // beyond int8
       {{"b2.img", "lt", "1"}, "zvcompute: invalid data type: b2.img\n"},
       {{"b.img", "+", "1"}, "zvcompute: invalid data type: b.img\n"},
       {{"m.img", "*", "2"}, "zvcompute: invalid inplace operation\n"},
@@ -140,25 +149,6 @@ TEST(Driver, CommandsThatFail) {
   }
 }
 
-TEST(Driver, BroadcastsASmallerOperandOverAFourAxisImage) {
-  TempDir dir;
-  std::vector<float> big(4 * 3 * 1 * 5), small(12), want(big.size()), want_rev(big.size());
-  for (size_t i = 0; i < big.size(); ++i) big[i] = float(i);
-  for (size_t i = 0; i < small.size(); ++i) small[i] = float(1000 * (i + 1));
-  for (size_t i = 0; i < big.size(); ++i) want[i] = big[i] - small[i % 12], want_rev[i] = -want[i];
-  ASSERT_TRUE(WriteImage(dir / "big.img", TypeReal32, {4, 3, 1, 5}, big) && WriteImage(dir / "small.img", TypeReal32, {4, 3}, small));
-  ASSERT_EQ(RunTool({dir / "o1.img", "=", dir / "big.img", "-", dir / "small.img"}).status, 0);
-  EXPECT_EQ(ReadImage(dir / "o1.img").as<float>(), want);
-  ASSERT_EQ(RunTool({dir / "o2.img", "=", dir / "small.img", "-", dir / "big.img"}).status, 0);
-  TestImage o2 = ReadImage(dir / "o2.img");
-  EXPECT_EQ(o2.dims, (std::vector<uint64_t>{4, 3, 1, 5}));
-  EXPECT_EQ(o2.as<float>(), want_rev);
-  ASSERT_EQ(RunTool({dir / "big.img", "-", dir / "small.img"}).status, 0);
-  EXPECT_EQ(ReadImage(dir / "big.img").as<float>(), want);
-  EXPECT_EQ(RunTool({dir / "small.img", "-", dir / "big.img"}).err,
-            "zvcompute: invalid number of dimensions (an image has 1 to 4 axes): " + dir / "big.img\n");
-}
-
 TEST(Driver, SeedFromCommandLineAndEnvironment) {
   TempDir dir;
   ASSERT_TRUE(WriteImage(dir / "a.img", TypeReal32, {64}, std::vector<float>(64, 0)));
@@ -168,16 +158,14 @@ TEST(Driver, SeedFromCommandLineAndEnvironment) {
     return ReadImage(dir / "o.img").data;  // the data only: the header's history has the time
   };
   const auto def = noise({}, {}), s5 = noise({"-seed", "5"}, {});
-  EXPECT_EQ(noise({"-seed", "123"}, {}), def);
-  EXPECT_NE(def, s5);
-  EXPECT_EQ(noise({"-seed", "4294967301"}, {}), s5);
-  EXPECT_EQ(noise({}, {"zvcompute_seed=5"}), s5);
-  EXPECT_EQ(noise({}, {"zv_seed=5"}), s5);
+  EXPECT_TRUE(noise({"-seed", "123"}, {}) == def && def != s5);
+  EXPECT_EQ(noise({"-seed", "4294967301"}, {}), s5);  // the low 32 bits
   EXPECT_EQ(noise({}, {"zvcompute_seed=5", "zv_seed=7"}), s5);
-  EXPECT_EQ(noise({"-seed", "123"}, {"zvcompute_seed=5"}), def);
+  EXPECT_EQ(noise({"-seed", "123"}, {"zv_seed=5"}), def);
 }
 
-// Mean removal and RMS normalisation use the statistics of each block of 2^24 elements.
+// Mean removal and RMS normalisation use the statistics of each block of 2^24 elements, summed so
+// that no small term is lost (in binary32 the sums would drift far off).
 TEST(Driver, StatisticsArePerBlockOfTwoToThe24Elements) {
   TempDir dir;
   const size_t n = 16777217;
@@ -190,7 +178,8 @@ TEST(Driver, StatisticsArePerBlockOfTwoToThe24Elements) {
   EXPECT_EQ(m[n - 1], 0.0f);  // the last element is a block of its own
   EXPECT_EQ(m[0], static_cast<float>(-50331645.0 / 16777216));  // 2396745 cycles of 0..6, then a 0
   ASSERT_EQ(RunTool({dir / "a.img", "/rms"}).status, 0);
-  EXPECT_EQ(ReadImage(dir / "a.img").as<float>()[n - 1], 1.0f);
+  const std::vector<float> r = ReadImage(dir / "a.img").as<float>();
+  EXPECT_TRUE(std::fabs(r[1] - 1 / std::sqrt(2396745 * 91 / 16777216.0)) < 1e-6 && r[n - 1] == 1.0f) << r[1];
 }
 
 }  // namespace

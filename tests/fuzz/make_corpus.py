@@ -9,12 +9,7 @@ versions 2 and 3, column-major NPY, MRC with an extended header, old-style MRC, 
 Only the standard library is used. Existing files of the same name are replaced; regression files
 (crash-*) are left alone.
 """
-import os
-import shutil
-import struct
-import subprocess
-import sys
-import tempfile
+import os, shutil, struct, subprocess, sys, tempfile
 
 ZV = sys.argv[1]
 OUT = sys.argv[2] if len(sys.argv) > 2 else os.path.join(os.path.dirname(__file__), "corpus")
@@ -35,6 +30,11 @@ def f32(values, big=False):
     return struct.pack((">" if big else "<") + "%df" % len(values), *values)
 
 
+def read(path):
+    with open(path, "rb") as f:
+        return f.read()
+
+
 def save(target, name, data):
     os.makedirs(os.path.join(OUT, target), exist_ok=True)
     with open(os.path.join(OUT, target, name), "wb") as f:
@@ -42,11 +42,9 @@ def save(target, name, data):
 
 
 def made(name, *args):
-    """The tool's output file name made from the arguments."""
-    p = os.path.join(TMP, name)
-    subprocess.run([ZV, p, "=", *args], check=True, stdout=subprocess.DEVNULL)
-    with open(p, "rb") as f:
-        return f.read()
+    """The file the tool makes from the arguments."""
+    subprocess.run([ZV, os.path.join(TMP, name), "=", *args], check=True, stdout=subprocess.DEVNULL)
+    return read(os.path.join(TMP, name))
 
 
 def big_endian_mrc(m, esize):
@@ -67,16 +65,10 @@ def word(m, i, value):
 
 # Small real32 arrays of 1 to 4 axes; values include negatives, fractions and a large one.
 src = {}
-for shape in [(7,), (3, 4), (2, 3, 4), (2, 2, 3, 4)]:
-    n = 1
-    for s in shape:
-        n *= s
-    vals = [((i * 37) % 11 - 5) * 0.75 for i in range(n - 1)] + [300.5]
-    src[len(shape)] = os.path.join(TMP, "in%d.npy" % len(shape))
-    with open(src[len(shape)], "wb") as f:
-        f.write(npy("<f4", shape, f32(vals)))
-with open(os.path.join(TMP, "empty.npy"), "wb") as f:
-    f.write(npy("<f4", (0, 3), b""))
+for shape, n in [((7,), 7), ((3, 4), 12), ((2, 3, 4), 24), ((2, 2, 3, 4), 48), ((0, 3), 0)]:
+    src[len(shape) if n else 0] = p = os.path.join(TMP, "in%d_%d.npy" % (len(shape), n))
+    with open(p, "wb") as f:
+        f.write(npy("<f4", shape, f32([((i * 37) % 11 - 5) * 0.75 for i in range(n - 1)] + [300.5] * (n > 0))))
 
 # Native and MRC files: every type each holds on one shape, every axis count on real32; then MRC
 # byte-level variants.
@@ -88,7 +80,7 @@ for t, m in mrc.items():
 for dim in (1, 3, 4):
     save("zv", "real32_%dd.img" % dim, made("r.img", "real32", src[dim]))
     save("mrc", "real32_%dd.mrc" % dim, made("r.mrc", "real32", src[dim]))
-save("zv", "empty.img", made("empty.img", "+", os.path.join(TMP, "empty.npy")))
+save("zv", "empty.img", made("empty.img", "+", src[0]))
 for t, esize in [("real32", 4), ("int16", 2), ("cmplx32", 4)]:
     save("mrc", "%s_big.mrc" % t, big_endian_mrc(mrc[t], esize))
 m = mrc["real32"]
@@ -103,8 +95,7 @@ for t in TYPES:
     if not t.startswith("imag"):
         save("npy", "%s_2d.npy" % t, made(t + ".npy", t, src[2]))
 for dim in (1, 3, 4):
-    with open(src[dim], "rb") as f:
-        save("npy", "real32_%dd.npy" % dim, f.read())
+    save("npy", "real32_%dd.npy" % dim, read(src[dim]))
 vals = [0.5 * i - 2 for i in range(12)]
 for name, data in {
         "v2.npy": npy("<f4", (3, 4), f32(vals), version=2),
@@ -130,16 +121,13 @@ for target, names in {"zv": ["real32_2d.img", "cmplx64_2d.img", "uint8_2d.img"],
                       "mrc": ["real32_4d.mrc", "int16_big.mrc", "real32_oldstyle.mrc", "real32_ext101.mrc"],
                       "npy": ["v2.npy", "big_f4.npy", "fortran.npy", "half.npy"]}.items():
     for name in names:
-        with open(os.path.join(OUT, target, name), "rb") as f:
-            save("auto", name, f.read())
+        save("auto", name, read(os.path.join(OUT, target, name)))
 
 # Argument vectors (arguments separated by zero bytes) and option declarations.
-for name, a in {"switch": ["-h"], "seed": ["-seed", "42", "out.img", "=", "a.img", "+", "1"],
-                "seed_huge": ["-seed", "18446744073709551615"], "formats": ["-fmt", "mrc", "-cap=read,sync", "x"],
-                "reals": ["-r=1,2.5,-3e2", "-r", "4"], "reals_list": ["-r", "0", "1", "99.5", "a"],
-                "dashdash": ["--", "-h", "-seed"], "negative": ["-h", "a.mrc", "-", "-3"],
-                "repeat": ["-seed", "1", "-seed", "2"], "unknown": ["-nope", "1"]}.items():
-    save("option_args", name, b"\0".join(s.encode() for s in a))
+for name, a in {"switch": "-h", "seed": "-seed 42 out.img = a.img + 1", "seed_huge": "-seed 18446744073709551615",
+                "formats": "-fmt mrc -cap=read,sync x", "reals": "-r=1,2.5,-3e2 -r 4", "reals_list": "-r 0 1 99.5 a",
+                "dashdash": "-- -h -seed", "negative": "-h a.mrc - -3", "repeat": "-seed 1 -seed 2", "unknown": "-nope 1"}.items():
+    save("option_args", name, a.replace(" ", "\0").encode())
 for i, d in enumerate(["[ h ]", "[ seed <> Size ]", "[ fmt   <> String ]", "[ cap= <> String ]", "[ x 1:3 Real ]",
                        "[ x 1:8 =2 Real ]", "[ m 1:16 * Size ]", "[ v 3 Index <= -5:5 ]", "[ v Complex + ]",
                        "[ x Coord -2.5: ]", "[ mode Keyword ]", "[ b Bool ]", "[ x <a b> Size ]", "[ x <_*> Size ]",

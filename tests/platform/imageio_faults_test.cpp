@@ -22,29 +22,23 @@ RunResult InChild(const std::function<void()> &f) {
   return Finish(c);
 }
 
+// A file that shrank is refused before its block is handed out (the tool's runs see this too); a
+// rewritten one then reports the missing data at the close, where its statistics are recomputed,
+// and they stay marked undetermined.
 TEST_F(ImageioTest, ShrunkFileIsRefusedBeforeItsBlockIsHandedOut) {
   const std::string path = dir / "s.mrc";
   for (const char *caps : {"mmap", "read"}) {
-    for (bool rw : {false, true}) {
-      ASSERT_TRUE(WriteImage(path, TypeReal32, {1000}, Ramp(1000)));
-      ImageioParam p = Caps(caps);
-      ImageDesc d{};
-      ImageioHandle *h = rw ? ImageioOpenReadWrite(path.c_str(), &d, &p) : ImageioOpenReadOnly(path.c_str(), &d, &p);
-      ASSERT_NE(h, nullptr) << LastError();
-      EXPECT_EQ(ReadBlock(h, TypeReal32, 0, 10).size(), 40u);
-      ASSERT_EQ(truncate(path.c_str(), 1024 + 400), 0);
-      // The first 100 elements are still there; a block reaching past them is not handed out.
-      EXPECT_EQ(ImageioBeginRead(h, 0, 200), nullptr) << caps;
-      EXPECT_NE(LastError().find(path), std::string::npos) << LastError();
-      ExpectError(E_IMAGEIO_READ, "shrank while in use: 5024 bytes needed, 1424 found");
-      // Closing a rewritten file recomputes its statistics: the missing data is reported instead
-      // of faulting, and the statistics stay marked undetermined.
-      EXPECT_EQ(ImageioClose(h), rw ? E_IMAGEIO_READ : 0u) << caps;
-      if (rw) {
-        EXPECT_EQ(Get<float>(ReadFileBytes(path), 80), -1.0f);
-      }
-      ExceptionClear();
-    }
+    ASSERT_TRUE(WriteImage(path, TypeReal32, {1000}, Ramp(1000)));
+    ImageioParam p = Caps(caps);
+    ImageDesc d{};
+    ImageioHandle *h = ImageioOpenReadWrite(path.c_str(), &d, &p);
+    ASSERT_EQ(ReadBlock(h, TypeReal32, 0, 10).size(), 40u);
+    ASSERT_EQ(truncate(path.c_str(), 1024 + 400), 0);
+    EXPECT_EQ(ImageioBeginRead(h, 0, 200), nullptr) << caps;
+    ExpectError(E_IMAGEIO_READ, "shrank while in use: 5024 bytes needed, 1424 found): " + path);
+    EXPECT_EQ(ImageioClose(h), E_IMAGEIO_READ) << caps;
+    EXPECT_EQ(Get<float>(ReadFileBytes(path), 80), -1.0f);
+    ExceptionClear();
   }
 }
 
@@ -85,24 +79,21 @@ TEST_F(ImageioTest, BlocksAreAlignedForTheirElementType) {
   std::string dict = "{'descr': '<f4', 'fortran_order': False, 'shape': (3, 4) }\n";  // odd length, unpadded
   ASSERT_NE((10 + dict.size()) % 4, 0u);
   WriteFileBytes(dir / "odd.npy", std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>(dict.size()) + '\0' + dict + Bytes(v));
-  for (const char *name : {"ext.mrc", "odd.npy"}) {
-    ImageDesc d{};
-    ImageioHandle *h = OpenRead(dir / name, &d);
-    ASSERT_NE(h, nullptr) << LastError();
-    auto *b = static_cast<float *>(ImageioBeginRead(h, 1, 11));
-    ASSERT_NE(b, nullptr) << LastError();
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % alignof(float), 0u) << name;
-    EXPECT_EQ(std::vector<float>(b, b + 11), std::vector<float>(v.begin() + 1, v.end()));
-    ImageioEndRead(h, 1, 11, b);
-    ImageioClose(h);
-    ASSERT_EQ(Rewrite<float>(dir / name, 0, 12, [](float &x) {  // x is the buffer element
-      EXPECT_EQ(reinterpret_cast<uintptr_t>(&x) % alignof(float), 0u);
-      return 2 * x;
-    }), 0u) << LastError();
-    std::vector<float> twice = v;
-    for (float &x : twice) x *= 2;
-    EXPECT_EQ(ReadImage(dir / name).as<float>(), twice) << name;
-  }
+  for (const char *name : {"ext.mrc", "odd.npy"})
+    for (bool rw : {false, true}) {  // read, then rewritten in place: elements 1-11 doubled
+      ImageDesc d{};
+      const std::string path = dir / name;
+      ImageioHandle *h = rw ? ImageioOpenReadWrite(path.c_str(), &d, &ImageioParamDefault) : OpenRead(path, &d);
+      auto *b = h ? static_cast<float *>(ImageioBeginRead(h, 1, 11)) : nullptr;
+      ASSERT_NE(b, nullptr) << LastError();
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % alignof(float), 0u) << name;
+      EXPECT_EQ(std::vector<float>(b, b + 11), std::vector<float>(v.begin() + 1, v.end()));
+      for (int i = 0; rw && i < 11; ++i) b[i] *= 2;
+      EXPECT_EQ((rw ? ImageioEndWrite : ImageioEndRead)(h, 1, 11, b) | ImageioClose(h), 0u) << LastError();
+    }
+  std::vector<float> twice = v;
+  for (size_t i = 1; i < 12; ++i) twice[i] *= 2;
+  EXPECT_TRUE(ReadImage(dir / "ext.mrc").as<float>() == twice && ReadImage(dir / "odd.npy").as<float>() == twice);
   EXPECT_EQ(ReadFileBytes(dir / "ext.mrc").substr(1024, 101), std::string(101, 'e'));
 }
 

@@ -20,12 +20,6 @@ struct ImageioTest : testing::Test {
   TempDir dir;
 };
 
-inline uint64_t Count(const Dims &dims) {
-  uint64_t n = 1;
-  for (uint64_t d : dims) n *= d;
-  return n;
-}
-
 inline ImageioParam Caps(const char *caps, uint32_t flags = 0, const char *format = nullptr) {
   return {0, format, flags, caps ? ImageioCapCheck(caps) : 0u};
 }
@@ -43,19 +37,6 @@ inline std::vector<unsigned char> ReadBlock(ImageioHandle *h, uint32_t type, uin
   if (b && count) std::memcpy(v.data(), b, v.size());
   EXPECT_EQ(b ? ImageioEndRead(h, first, count, b) : 0u, 0u);
   return v;
-}
-
-// Rewrites elements first..first+n-1 of a file in place with f(old value).
-template <class T, class F>
-uint32_t Rewrite(const std::string &path, uint64_t first, uint64_t n, F f, const char *caps = nullptr) {
-  ImageioParam p = Caps(caps);
-  ImageDesc d{};
-  ImageioHandle *h = ImageioOpenReadWrite(path.c_str(), &d, &p);
-  auto *b = h ? static_cast<T *>(ImageioBeginRead(h, first, n)) : nullptr;
-  if (!b) return ExceptionGet(1);
-  for (uint64_t i = 0; i < n; ++i) b[i] = f(b[i]);
-  uint32_t st = ImageioEndWrite(h, first, n, b);
-  return ImageioClose(h) | st;
 }
 
 // Raw file bytes: values in host (little-endian) order.
@@ -94,13 +75,3 @@ inline std::string MrcHeader(int32_t nx, int32_t ny, int32_t nz, int32_t mode, b
   return s.replace(208, 6, big ? "MAP \x11\x11" : "MAP DD") + data;
 }
 
-// An .npy file of the given version and dict text, padded the way writers do, then the data bytes.
-inline std::string Npy(const std::string &dict, const std::string &data, int major = 1) {
-  size_t pre = major == 1 ? 10 : 12, total = (pre + dict.size() + 1 + 63) / 64 * 64;
-  std::string s = "\x93NUMPY" + std::string{static_cast<char>(major), 0};
-  for (size_t i = 0; i < pre - 8; ++i) s += static_cast<char>(((total - pre) >> (8 * i)) & 0xff);
-  return s + dict + std::string(total - s.size() - dict.size() - 1, ' ') + "\n" + data;
-}
-inline std::string Dict(const char *descr, const char *shape, const char *fortran = "False") {
-  return std::string("{'descr': '") + descr + "', 'fortran_order': " + fortran + ", 'shape': " + shape + ", }";
-}

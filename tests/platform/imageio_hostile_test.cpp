@@ -15,6 +15,15 @@ struct Hostile {
   const char *forced = nullptr;  // opened as this format instead of by content
 };
 
+// An .npy file of the given version and dict text, padded the way writers do, then the data bytes.
+std::string Npy(const std::string &dict, const std::string &data) {
+  const size_t total = (10 + dict.size() + 1 + 63) / 64 * 64;
+  return std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>((total - 10) & 0xff) + static_cast<char>((total - 10) >> 8) + dict +
+         std::string(total - 11 - dict.size(), ' ') + "\n" + data;
+}
+std::string Dict(const char *descr, const char *shape, const char *fortran = "False") {
+  return std::string("{'descr': '") + descr + "', 'fortran_order': " + fortran + ", 'shape': " + shape + ", }";
+}
 std::string Many(const char *item, int n) {
   std::string s = "(";
   for (int i = 0; i < n; ++i) s += item;

@@ -1,6 +1,5 @@
 #include "support.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -9,27 +8,26 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "platform/core/array.h"
 
-TempDir::TempDir() {
-  std::string tmpl = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/zvtest.XXXXXX");
-  if (!mkdtemp(tmpl.data())) std::abort();
-  path = tmpl;
-}
-
-TempDir::~TempDir() {
-  if (std::system(("rm -rf '" + path + "'").c_str()) != 0) std::abort();
-}
-
+static std::string Tmp() { return std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp"; }
 static double Now() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+TempDir::TempDir() : path(Tmp() + "/zvtest.XXXXXX") {
+  if (!mkdtemp(path.data())) std::abort();
+}
+TempDir::~TempDir() {
+  Child c = Start({"/bin/rm", "-rf", path});
+  Finish(c);
+}
 
 Child Start(const std::vector<std::string> &args, const RunOptions &o) {
   static int serial = 0;
-  const std::string base = (std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + std::string("/zvrun-") +
-                           std::to_string(getpid()) + "-" + std::to_string(++serial);
+  const std::string base = Tmp() + "/zvrun-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
   Child c{-1, base + ".out", base + ".err", Now()};
   std::fflush(nullptr);
   c.pid = fork();
@@ -54,15 +52,11 @@ Child Start(const std::vector<std::string> &args, const RunOptions &o) {
 }
 
 RunResult Finish(Child &c) {
-  RunResult r;
   int st = 0;
   rusage ru{};
   wait4(c.pid, &st, 0, &ru);
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-  r.seconds = Now() - c.started;
-  r.max_rss_kb = ru.ru_maxrss;
-  r.out = ReadFileBytes(c.out_path);
-  r.err = ReadFileBytes(c.err_path);
+  RunResult r{WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st), ReadFileBytes(c.out_path), ReadFileBytes(c.err_path),
+              Now() - c.started, ru.ru_maxrss};
   unlink(c.out_path.c_str());
   unlink(c.err_path.c_str());
   return r;
@@ -129,11 +123,8 @@ void WriteFileBytes(const std::string &path, const std::string &bytes) {
 
 std::vector<std::string> ListDir(const std::string &path) {
   std::vector<std::string> names;
-  if (DIR *d = opendir(path.c_str())) {
-    while (dirent *e = readdir(d))
-      if (std::strcmp(e->d_name, ".") && std::strcmp(e->d_name, "..")) names.push_back(e->d_name);
-    closedir(d);
-  }
+  std::error_code missing;
+  for (const auto &e : std::filesystem::directory_iterator(path, missing)) names.push_back(e.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
