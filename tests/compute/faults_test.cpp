@@ -80,16 +80,23 @@ TEST_F(Faults, DestinationDirectoryRemovedOrRunKilled) {
     EXPECT_TRUE(name == "a.img" || name == "o.img" || name.rfind(".o.img.zvtmp-", 0) == 0) << name;
 }
 
+// A replaced file keeps its permissions; a new one gets what the umask allows.
 TEST_F(Faults, LinksToTheDestinationGiveTheRightResult) {
   ASSERT_TRUE(WriteImage(P("a.img"), TypeReal32, {3}, std::vector<float>{1, 2, 3}));
   ASSERT_EQ(link(P("a.img").c_str(), P("hard.img").c_str()), 0);
   ASSERT_EQ(symlink("a.img", P("soft.img").c_str()), 0);
+  ASSERT_EQ(chmod(P("a.img").c_str(), 0640), 0);
+  const mode_t umask_was = umask(022);
   ASSERT_EQ(RunTool({P("a.img"), "=", P("hard.img"), "*", "2"}).status, 0);
+  ASSERT_EQ(RunTool({P("new.img"), "=", P("hard.img"), "*", "2"}).status, 0);
+  umask(umask_was);
+  struct stat st, nst;
+  EXPECT_TRUE(stat(P("a.img").c_str(), &st) == 0 && (st.st_mode & 0777) == 0640 && stat(P("new.img").c_str(), &nst) == 0 &&
+              (nst.st_mode & 0777) == 0644) << std::oct << st.st_mode << " " << nst.st_mode;
   EXPECT_EQ(ReadImage(P("a.img")).as<float>(), (std::vector<float>{2, 4, 6}));
   // Writing through the symbolic link replaces its target and keeps the link.
   ASSERT_EQ(RunTool({P("soft.img"), "=", P("a.img"), "+", P("soft.img")}).status, 0);
   EXPECT_EQ(ReadImage(P("a.img")).as<float>(), (std::vector<float>{4, 8, 12}));
-  struct stat st;
   EXPECT_TRUE(lstat(P("soft.img").c_str(), &st) == 0 && S_ISLNK(st.st_mode));
   ASSERT_EQ(RunTool({P("soft.img"), "+", P("a.img")}).status, 0);  // in place, same file twice
   EXPECT_EQ(ReadImage(P("a.img")).as<float>(), (std::vector<float>{8, 16, 24}));

@@ -1,54 +1,11 @@
-// The image-file library's own rules, whatever the format: the deletion mark and its temporary file,
-// block access, and the names of capabilities and formats.
+// The image-file library's own rules, whatever the format: block access, and the names of
+// capabilities and formats.
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "imageio_helpers.h"
 
 namespace {
-
-// Closed while marked, a new image leaves nothing, not even its temporary file, and an existing
-// file of its name stays as it was; once the mark is withdrawn the new file replaces it at the close,
-// keeping its permissions (a new name gets what the umask allows).
-TEST_F(ImageioTest, DeletionMarkAndTemporaryFile) {
-  const std::string out = dir / "out.zv";
-  Dims dims = {3};
-  ImageDesc desc{1, dims.data(), 0, TypeUint8, 0};
-  auto create = [&](uint32_t flags) {  // out.zv holding 1 2 3, still open
-    ImageioParam p = Caps(nullptr, flags);
-    ImageioHandle *h = ImageioCreate(out.c_str(), &desc, &p);
-    void *b = h ? ImageioBeginWrite(h, 0, 3) : nullptr;
-    EXPECT_TRUE(b && (std::memcpy(b, "\x01\x02\x03", 3), ImageioEndWrite(h, 0, 3, b) == 0)) << LastError();
-    return h;
-  };
-  ImageioHandle *h = create(ImageioFlagDel);
-  ImageioMeta meta{};
-  EXPECT_TRUE(ImageioGetMeta(h, &meta) == 0 && meta.state == ImageioStateDel && meta.state2 == 3);
-  const auto names = ListDir(dir.path);
-  EXPECT_TRUE(names.size() == 1 && names[0].rfind(".out.zv.zvtmp-", 0) == 0) << names[0];
-  EXPECT_EQ(ImageioClose(h), 0u);
-  EXPECT_TRUE(ListDir(dir.path).empty());
-  h = create(0);  // ImageioDel marks an image created unmarked
-  ImageioDel(h);
-  ImageioClose(h);
-  EXPECT_TRUE(ListDir(dir.path).empty());
-  const mode_t old = umask(022);
-  ImageioClose(create(0));
-  umask(old);
-  struct stat st;
-  EXPECT_TRUE(stat(out.c_str(), &st) == 0 && (st.st_mode & 0777) == 0644) << std::oct << st.st_mode;
-  WriteFileBytes(out, "old contents");
-  chmod(out.c_str(), 0640);
-  ImageioClose(create(ImageioFlagDel));
-  EXPECT_EQ(ReadFileBytes(out), "old contents");
-  h = create(ImageioFlagDel);
-  ImageioUndel(h);
-  EXPECT_TRUE(ImageioGetMeta(h, &meta) == 0 && meta.state == 0 && ReadFileBytes(out) == "old contents");
-  EXPECT_EQ(ImageioClose(h), 0u);
-  EXPECT_EQ(ListDir(dir.path), std::vector<std::string>{"out.zv"});
-  EXPECT_EQ(ReadImage(out).as<uint8_t>(), (std::vector<uint8_t>{1, 2, 3}));
-  EXPECT_TRUE(stat(out.c_str(), &st) == 0 && (st.st_mode & 0777) == 0640);
-}
 
 TEST_F(ImageioTest, BlockAccessRules) {
   const auto data = Pattern(TypeCmplx64, 10);

@@ -20,20 +20,16 @@ static double Now() { return std::chrono::duration<double>(std::chrono::steady_c
 TempDir::TempDir() : path(Tmp() + "/zvtest.XXXXXX") {
   if (!mkdtemp(path.data())) std::abort();
 }
-TempDir::~TempDir() {
-  Child c = Start({"/bin/rm", "-rf", path});
-  Finish(c);
-}
 
 Child Start(const std::vector<std::string> &args, const RunOptions &o) {
   static int serial = 0;
   const std::string base = Tmp() + "/zvrun-" + std::to_string(getpid()) + "-" + std::to_string(++serial);
-  Child c{-1, base + ".out", base + ".err", Now()};
+  Child c{-1, base, Now()};
   std::fflush(nullptr);
   c.pid = fork();
   if (c.pid == 0) {
-    dup2(open(c.out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    dup2(open(c.err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    dup2(open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     if (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0) _exit(127);
     for (const std::string &e : o.env) putenv(const_cast<char *>(e.c_str()));
     rlimit r{o.fsize, o.fsize};
@@ -55,10 +51,9 @@ RunResult Finish(Child &c) {
   int st = 0;
   rusage ru{};
   wait4(c.pid, &st, 0, &ru);
-  RunResult r{WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st), ReadFileBytes(c.out_path), ReadFileBytes(c.err_path),
+  RunResult r{WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st), ReadFileBytes(c.base + ".out"), ReadFileBytes(c.base + ".err"),
               Now() - c.started, ru.ru_maxrss};
-  unlink(c.out_path.c_str());
-  unlink(c.err_path.c_str());
+  std::filesystem::remove(c.base + ".out"), std::filesystem::remove(c.base + ".err");
   return r;
 }
 
@@ -79,17 +74,13 @@ bool WriteImage(const std::string &path, uint32_t type, const std::vector<uint64
 }
 
 TestImage ReadImage(const std::string &path) {
-  TestImage img;
   ImageDesc d{};
   ImageioHandle *h = ImageioOpenReadOnly(path.c_str(), &d, &ImageioParamDefault);
   EXPECT_NE(h, nullptr) << path << ": " << LastError();
-  if (!h) return ExceptionClear(), img;
-  img.type = d.type;
-  img.attr = d.attr;
-  img.dims.assign(d.len, d.len + d.dim);
+  if (!h) return ExceptionClear(), TestImage{};
   uint64_t n = 0;
   EXPECT_EQ(ArrayOffset(d.dim, d.len, 1, &n), 0u);
-  img.data.resize(n * TypeSize(d.type));
+  TestImage img{d.type, d.attr, std::vector<uint64_t>(d.len, d.len + d.dim), std::vector<unsigned char>(n * TypeSize(d.type))};
   if (void *b = n ? ImageioBeginRead(h, 0, n) : nullptr) {
     std::memcpy(img.data.data(), b, img.data.size());
     ImageioEndRead(h, 0, n, b);
@@ -109,12 +100,9 @@ std::vector<unsigned char> Pattern(uint32_t type, uint64_t count, unsigned seed)
 }
 
 bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-
 std::string ReadFileBytes(const std::string &path) {
   std::ifstream f(path, std::ios::binary);
-  std::stringstream ss;
-  ss << f.rdbuf();
-  return ss.str();
+  return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 void WriteFileBytes(const std::string &path, const std::string &bytes) {

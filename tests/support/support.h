@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,7 +20,7 @@ inline const uint32_t kAllTypes[14] = {TypeUint8,  TypeUint16, TypeUint32, TypeU
 
 struct TempDir {
   TempDir();
-  ~TempDir();
+  ~TempDir() { std::filesystem::remove_all(path); }
   std::string operator/(const std::string &name) const { return path + "/" + name; }
   std::string path;
 };
@@ -42,7 +43,7 @@ struct RunResult {
 };
 struct Child {
   int pid = -1;
-  std::string out_path, err_path;
+  std::string base;  // of the files that take standard output and error
   double started = 0;
 };
 Child Start(const std::vector<std::string> &argv, const RunOptions &options = {});
