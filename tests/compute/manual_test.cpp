@@ -52,7 +52,7 @@ TEST(Manual, InstallGivesAWorkingBinaryAndARenderablePage) {
   out = Shell("'" + prefix.path + "/bin/zvcompute' a", &st);
   EXPECT_EQ(WEXITSTATUS(st), 1);
   EXPECT_NE(out.find("usage: zvcompute: <file> <op>"), std::string::npos) << out;
-  std::string page = prefix.path + "/share/man/man1/zvcompute.1";
+  std::string page = prefix.path + "/share/man/man1/zvcompute.1.gz";
   ASSERT_TRUE(FileExists(page));
   if (system("command -v man >/dev/null 2>&1") != 0) GTEST_SKIP() << "man is not installed";
   std::string warnings = Shell("MANWIDTH=80 man --warnings -l '" + page + "' >/dev/null", &st);
