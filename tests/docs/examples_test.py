@@ -76,7 +76,7 @@ def operands(args):  # positional arguments: options and their values come first
 bindir = tempfile.mkdtemp()
 with open(f'{bindir}/zvcompute', 'w') as f:
     f.write('#!/bin/bash\n"$ZV_BINARY" "$@"; s=$?\n'
-            'r=$(printf "%s\\x1f" $s "$PWD" "$@"); echo "$r" >>"$ZV_LOG"; exit $s\n')
+            'r=$(printf "%s\\x1f" $s "$PWD" "$@"); printf "%s\\x1e" "$r" >>"$ZV_LOG"; exit $s\n')
 os.chmod(f'{bindir}/zvcompute', 0o755)
 docs = [f'{root}/README.md'] + sorted(glob.glob(f'{root}/docs/*.md')) + [f'{root}/docs/zvcompute.1']
 for doc in docs:
@@ -92,7 +92,7 @@ for doc in docs:
         env = dict(os.environ, **opts, ZV_BINARY=binary, ZV_LOG=f'{bindir}/calls',
                    PATH=f'{bindir}:{os.path.dirname(sys.executable)}:{os.environ["PATH"]}')
         r = subprocess.run(['bash', '-ec', f'{setup}\n{script}'], env=env, capture_output=True, text=True)
-        calls = ([c.split('\x1f')[:-1] for c in open(f'{bindir}/calls').read().splitlines()]
+        calls = ([c.split('\x1f')[:-1] for c in open(f'{bindir}/calls').read().split('\x1e')[:-1]]
                  if os.path.exists(f'{bindir}/calls') else [])
         wanted = len(re.findall(r'^[^#]*\bzvcompute ', script, re.M))
         if r.returncode != status or len(calls) < wanted:
