@@ -22,10 +22,9 @@ bool PlainTerminal() {
   return !term || !*term || std::strcmp(term, "dumb") == 0;
 }
 
-// ", about 2 min 5 s left" from the rate so far; empty before 5 % of the run, when the rate still
+// ", about 2 min 5 s left" from the rate so far; nothing before 5 % of the run, when the rate still
 // mostly measures start-up, and at the end.
 void TimeLeft(double elapsed, uint64_t done, uint64_t total, char *text, size_t size) {
-  text[0] = '\0';
   if (done >= total || done * 20 < total) return;
   auto s = static_cast<unsigned long long>(elapsed * double(total - done) / double(done) + 0.5);
   if (s < 60)
@@ -52,7 +51,7 @@ uint32_t ProgressUpdate(Progress *p, uint64_t done, uint64_t blocks_done, uint64
   p->last = now;
   double percent = p->total ? 100.0 * double(done) / double(p->total) : 100.0;
   double mib = double(done) * double(p->bytes_per_element) / (1024.0 * 1024.0) / elapsed;
-  char left[48];
+  char left[48] = "";
   TimeLeft(elapsed, done, p->total, left, sizeof left);
   std::fprintf(stderr, "%szvcompute: block %llu of %llu, %.0f%%, %.0f MiB/s%s%s", p->plain ? "" : "\r",
                (unsigned long long)blocks_done, (unsigned long long)blocks, percent, mib, left,

@@ -28,7 +28,7 @@ check 'zvcompute -cap read,' +read,sync +read,mmap -sync
 check 'zvcompute -seed 3 a.mrc ' += +-mean +/rms '+\*' '+\*\*' -a.mrc -uint8 -3 '-(quoted)'
 check 'zvcompute a.mrc =' + -=
 check 'zvcompute -seed 3 a.mrc - ' +b.npy -sqrt
-check 'zvcompute out.mrc = ' +sqrt '+*' +uint16 +cdouble +a.mrc -=
+check 'zvcompute out.mrc = ' +sqrt '+*' '++' +uint8 +cdouble +a.mrc -=
 check 'zvcompute out.mrc = ' +b.npy +re +abs2 +real64 +xor
 check 'zvcompute out.mrc = *' '+*' '+*uran' '+(quoted)' -a.mrc
 check 'zvcompute out.mrc = a' +abs +atan +a.mrc -sqrt -b.npy

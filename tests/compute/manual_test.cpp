@@ -77,7 +77,7 @@ TEST(Progress, ShownOnlyAtATerminalAndCleared) {
     EXPECT_EQ(tty.find("\r\033[K") != std::string::npos, env == "TERM=xterm") << env;
     EXPECT_EQ(tty.find_first_of("\033") == std::string::npos, env != "TERM=xterm") << env;
     std::smatch m;
-    for (std::string rest = tty; std::regex_search(rest, m, std::regex(R"(\d+%[^\r\n\033]*)")); rest = m.suffix())
+    for (std::string rest = tty; std::regex_search(rest, m, std::regex(R"(\d+%[^\r\n\x1b]*)")); rest = m.suffix())
       EXPECT_EQ(m.str().find(" left") != std::string::npos, m.str().find("100%") != 0) << m.str();
   }
   RunResult r = RunTool({dir / "p.img", "=", dir / "a.img", "+nran", "1"});
