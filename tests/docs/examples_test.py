@@ -14,9 +14,9 @@ root, binary = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 errors = []
 
 
-def make(path, spec):  # type:L0xL1x... with axis 0 first, or bad: an MRC file cut short
+def make(path, desc):  # type:L0xL1x... with axis 0 first, or bad: an MRC file cut short
     os.makedirs(os.path.dirname(path) or '.', exist_ok=True)
-    kind, _, axes = spec.partition(':')
+    kind, _, axes = desc.partition(':')
     a = np.random.default_rng(len(path)).uniform(0, 2, [int(n) for n in axes.split('x')[::-1]] if axes else [8, 8])
     a = (a + 1j * a[::-1] if kind == 'cmplx32' else a).astype({'real64': 'f8', 'cmplx32': 'c8'}.get(kind, 'f4'))
     np.save(path, a) if path.endswith('.npy') else mrcfile.new(path, a, overwrite=True).close()
@@ -72,8 +72,8 @@ for doc in docs:
     for where, script, options in found:
         os.chdir(tempfile.mkdtemp())
         open(log, 'w').close()
-        for name, spec in inputs.items():
-            make(name, spec)
+        for name, desc in inputs.items():
+            make(name, desc)
         opts = dict(o.split('=', 1) for o in shlex.split(options))
         status, setup = int(opts.pop('status', 0)), opts.pop('setup', 'true')
         env = dict(os.environ, **opts, ZV_BINARY=binary, ZV_LOG=log,
