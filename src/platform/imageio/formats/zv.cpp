@@ -6,7 +6,7 @@
 
 #include "platform/core/array.h"
 #include "platform/core/types.h"
-#include "platform/imageio/imageio_internal.h"
+#include "platform/imageio/format.h"
 
 namespace {
 
@@ -32,6 +32,9 @@ enum : size_t {
   kOffLines = 140,
   kOffHistory = 256,
 };
+
+// New files of any name no other format claims are native files.
+const char *const kExtensions[] = {nullptr};
 
 bool KnownType(uint32_t t) {
   switch (t) {
@@ -140,4 +143,17 @@ uint32_t WriteHeader(ImageioHandle *h, bool) {
 
 }  // namespace
 
-const ImageioFormatOps ImageioNativeOps = {"zv", Probe, Open, Check, Create, WriteHeader, false, true, true};
+extern const ImageioFormat ImageioZvFormat = {
+    .name = "zv",
+    .extensions = kExtensions,
+    .probe = Probe,
+    .magic = true,
+    .state_bytes = 0,
+    .open = Open,
+    .check = Check,
+    .create = Create,
+    .write_header = WriteHeader,
+    .keeps_stats = false,
+    .keeps_history = true,
+    .exact_size = true,
+};
