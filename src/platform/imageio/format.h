@@ -25,8 +25,8 @@ struct ImageioFormat {
   uint32_t state_bytes;
 
   // Read the header of an opened file: set dim, len, type, attr, geometry, history and the storage
-  // fields (data_offset, file_esize, conv, swap_unit, big_endian, fortran). The library checks the
-  // file size afterwards.
+  // fields (data_offset, file_esize, conv with swap_unit the component size of a byte-swapped form,
+  // big_endian, fortran). The library checks the file size afterwards.
   uint32_t (*open)(ImageioHandle *h);
   // Refuse a description the format cannot hold, before anything is created.
   uint32_t (*check)(ImageioHandle *h);

@@ -76,11 +76,7 @@ uint32_t CheckDesc(const ImageDesc *desc, const char *path) {
   if (desc->dim < 1 || desc->dim > 4) return fail(E_IMAGEIO_DIM, " (" + Num(desc->dim) + " axes)");
   if (!desc->len) return fail(E_ARGUMENT, " (axis lengths)");
   uint32_t t = desc->type;
-  bool known = false;
-  for (uint32_t k : {TypeUint8, TypeUint16, TypeUint32, TypeUint64, TypeInt8, TypeInt16, TypeInt32, TypeInt64,
-                     TypeReal32, TypeReal64, TypeImag32, TypeImag64, TypeCmplx32, TypeCmplx64})
-    known |= (k == t);
-  if (!known) return fail(E_IMAGEIO_TYPE, std::string(" (unknown element type ") + TypeIdent(t) + ")");
+  if (!TypeKnown(t)) return fail(E_IMAGEIO_TYPE, std::string(" (unknown element type ") + TypeIdent(t) + ")");
   uint64_t count;
   if (ArrayOffset(desc->dim, desc->len, TypeSize(t), &count)) return fail(E_IMAGEIO_SIZE, "");
   return 0;
@@ -158,7 +154,6 @@ ImageioHandle *Open(const char *path, ImageDesc *desc, const ImageioParam *param
     ImageioFreeHandle(h);
     return nullptr;
   }
-  if (h->swap_unit <= 1 && h->conv == ImageioConvSwap) h->conv = ImageioConvNone;
   // Map the data; an axis-reversed file is always mapped (its blocks are gathered).
   if (end > h->data_offset && ((h->caps & ImageioCapMmap) || h->fortran) && !ImageioMapFile(h, end, rw) &&
       h->fortran) {
@@ -186,8 +181,7 @@ uint32_t Finish(ImageioHandle *h) {
     h->history.push_back(HistoryText());
     if (h->history.size() > max) h->history.erase(h->history.begin(), h->history.end() - static_cast<long>(max));
   }
-  if (h->format->write_header) return h->format->write_header(h, true);
-  return 0;
+  return h->format->write_header(h, true);
 }
 
 }  // namespace
@@ -270,7 +264,6 @@ uint32_t ImageioGetMeta(ImageioHandle *handle, ImageioMeta *meta) {
   if (!handle || !meta) return ExceptionPushMsg(E_ARGUMENT, " (image handle or metadata record)", nullptr);
   meta->state = handle->marked ? ImageioStateDel : 0;
   meta->state2 = handle->mode;
-  meta->path = handle->path.c_str();
   meta->format = handle->format->name;
   return 0;
 }

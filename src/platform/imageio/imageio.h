@@ -60,7 +60,6 @@ struct ImageDesc {
 struct ImageioMeta {
   uint32_t state;   // ImageioStateDel when marked for deletion
   uint32_t state2;  // open mode: ImageioModeRead, ImageioModeReadWrite or ImageioModeCreate
-  const char *path;
   const char *format;
 };
 

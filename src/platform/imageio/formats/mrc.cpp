@@ -10,8 +10,8 @@
 namespace {
 
 enum : size_t {
-  kNx = 0, kNy = 4, kNz = 8, kMode = 12, kStart = 16, kMx = 28, kMy = 32, kMz = 36, kCella = 40, kCellb = 52,
-  kMapc = 64, kDmin = 76, kDmax = 80, kDmean = 84, kIspg = 88, kNsymbt = 92, kExttyp = 104, kNversion = 108,
+  kNx = 0, kNy = 4, kNz = 8, kMode = 12, kMx = 28, kMy = 32, kMz = 36, kCella = 40, kCellb = 52,
+  kMapc = 64, kDmin = 76, kDmax = 80, kDmean = 84, kIspg = 88, kNsymbt = 92, kNversion = 108,
   kImodStamp = 152, kImodFlags = 156, kOrigin = 196, kMap = 208, kMachst = 212, kRms = 216, kNlabl = 220,
   kLabels = 224,
 };
