@@ -167,7 +167,8 @@ uint32_t FirstOperandNew(RunState &r) {
   if (d.dim < 1 || d.dim > 4) return PathError(src1_slot, ExceptionPush(E_IMAGEIO_DIM));
   r.ddesc = d;
   r.dst_type = r.numeric ? NumericDefaultType(r.entry, d.type) : d.type;
-  if (ArrayOffset(d.dim, d.len, TypeSize(d.type), &r.count1)) return PathError(src1_slot, ExceptionPush(E_IMAGEIO_SIZE));
+  if (ArrayOffset(d.dim, d.len, TypeSize(d.type), &r.count1))
+    return PathError(src1_slot, ExceptionPush(E_IMAGEIO_SIZE));
   r.total = r.count1;
   return 0;
 }
@@ -211,8 +212,8 @@ bool SecondOperandNumber(RunState &r) {
   StringParseFn parse = nullptr;
   ElementType parse_type = 0, t1 = r.desc1.type;
   if (r.numeric) {
-    parse_type = t1 == TypeCmplx32 ? TypeCmplx32 : t1 == TypeImag32 ? TypeImag32 : TypeReal32;
-    parse = parse_type == TypeCmplx32 ? StringParseCmplx32 : parse_type == TypeImag32 ? StringParseImag32 : StringParseReal32;
+    parse_type = t1 == TypeCmplx32 || t1 == TypeImag32 ? t1 : TypeReal32;
+    parse = t1 == TypeCmplx32 ? StringParseCmplx32 : t1 == TypeImag32 ? StringParseImag32 : StringParseReal32;
   } else if ((parse = IntegerParser(t1))) {
     parse_type = t1;
   }
@@ -250,8 +251,10 @@ uint32_t SecondOperandImage(RunState &r) {
     return PathError(src2_slot, ExceptionPushMsg(E_MSG, "incompatible image", nullptr));
   if (d2.dim < 1 || d2.dim > 4) return PathError(src2_slot, ExceptionPush(E_IMAGEIO_DIM));
   if (r.c.inplace && d1.dim <= 3 && d2.dim == 4) return PathError(src2_slot, ExceptionPush(E_IMAGEIO_DIM));
-  if (int offender = AxisRule(d1, d2))
-    return ExceptionPushMsg(E_MSG, "array size mismatch, file ", offender == 1 ? r.c.src1_name : r.c.src2_text, nullptr);
+  if (int offender = AxisRule(d1, d2)) {
+    const char *name = offender == 1 ? r.c.src1_name : r.c.src2_text;
+    return ExceptionPushMsg(E_MSG, "array size mismatch, file ", name, nullptr);
+  }
   if (ArrayOffset(d2.dim, d2.len, TypeSize(d2.type), &r.count2))
     return PathError(src2_slot, ExceptionPush(E_IMAGEIO_SIZE));
   if (r.ddesc.dim < d2.dim) {

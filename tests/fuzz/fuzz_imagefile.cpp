@@ -156,6 +156,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   unlink(path.c_str());
   unlink(copy.c_str());
-  for (uint32_t i = 0; const char *fmt = ImageioFormatName(i); ++i) unlink(TempPath((std::string(".out.") + fmt).c_str()).c_str());
+  for (uint32_t i = 0; const char *fmt = ImageioFormatName(i); ++i)
+    unlink(TempPath((std::string(".out.") + fmt).c_str()).c_str());
   return 0;
 }

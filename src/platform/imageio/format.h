@@ -41,9 +41,9 @@ struct ImageioFormat {
   bool exact_size;     // the file ends where the data ends (else trailing bytes are allowed)
 };
 
-// The registry (and ImageioFormatName of imageio.h). By name: null when no format has it. For a new file: the format whose extension ends
-// the name (any case), else the first format of the registry. Detection: null when none recognises
-// the bytes.
+// The registry (and ImageioFormatName of imageio.h). By name: null when no format has it. For a new
+// file: the format whose extension ends the name (any case), else the first format of the registry.
+// Detection: null when none recognises the bytes.
 const ImageioFormat *ImageioFormatByName(const char *name);
 const ImageioFormat *ImageioFormatForNewFile(const std::string &path);
 const ImageioFormat *ImageioFormatDetect(const unsigned char *head, uint64_t n, uint64_t size);

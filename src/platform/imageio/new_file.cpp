@@ -74,7 +74,8 @@ uint32_t ImageioNewFileReserve(ImageioHandle *h, uint64_t bytes) {
 
 uint32_t ImageioCommitNewFile(ImageioHandle *h, uint32_t st) {
   const bool sync = h->caps & ImageioCapSync;
-  if (!st && sync && h->map && msync(h->map, h->map_len, MS_SYNC) != 0) st = ImageioFailErrno(h, E_IMAGEIO_WRITE, errno);
+  if (!st && sync && h->map && msync(h->map, h->map_len, MS_SYNC) != 0)
+    st = ImageioFailErrno(h, E_IMAGEIO_WRITE, errno);
   if (h->map) munmap(h->map, h->map_len);
   h->map = nullptr;
   if (!st && sync && fsync(h->fd) != 0) st = ImageioFailErrno(h, E_IMAGEIO_WRITE, errno);
