@@ -99,7 +99,7 @@ void Walk(ImageioHandle *h, const ImageDesc &desc, bool rewrite) {
 void CopyOut(ImageioHandle *src, const ImageDesc &desc, const std::string &base) {
   uint64_t count = 0;
   if (ArrayOffset(desc.dim, desc.len, TypeSize(desc.type), &count) != 0) return;
-  for (const char *fmt : {"zv", "mrc", "npy"}) {
+  for (uint32_t i = 0; const char *fmt = ImageioFormatName(i); ++i) {
     ImageioParam param = ImageioParamDefault;
     param.format = fmt;
     ImageioHandle *dst = ImageioCreate((base + "." + fmt).c_str(), &desc, &param);
@@ -154,6 +154,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     ExceptionClear();
   }
-  for (const char *suffix : {".in", ".rw", ".out.zv", ".out.mrc", ".out.npy"}) unlink(TempPath(suffix).c_str());
+  unlink(path.c_str());
+  unlink(copy.c_str());
+  for (uint32_t i = 0; const char *fmt = ImageioFormatName(i); ++i)
+    unlink(TempPath((std::string(".out.") + fmt).c_str()).c_str());
   return 0;
 }

@@ -3,9 +3,11 @@
 
 usage: make_corpus.py ZVCOMPUTE [CORPUS_DIR]
 
-The image files are made by the built tool from small NumPy arrays (written here byte by byte),
-then varied at the byte level where the tool only writes one form: big-endian MRC and NPY, NPY
-versions 2 and 3, column-major NPY, MRC with an extended header, old-style MRC, MRC modes 3 and 12.
+The image files are made by the built tool from small NumPy arrays (written here byte by byte): for
+every format the tool knows (the list its "unknown file format" error gives), every element type the
+format holds and every axis count. They are then varied at the byte level where the tool only writes
+one form: big-endian MRC and NPY, NPY versions 2 and 3, column-major NPY, MRC with an extended header,
+old-style MRC, MRC modes 3 and 12.
 Only the standard library is used. Existing files of the same name are replaced; regression files
 (crash-*) are left alone.
 """
@@ -42,8 +44,14 @@ def save(target, name, data):
         f.write(data)
 
 
-def run(*args):
-    subprocess.run([ZV, *args], check=True, stdout=subprocess.DEVNULL)
+def run(*args, check=True):
+    return subprocess.run([ZV, *args], check=check, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
+def known_formats():
+    """The formats of the tool's registry, from its error text for an unknown one."""
+    r = subprocess.run([ZV, "-fmt", "?", "x", "sqrt"], capture_output=True, text=True)
+    return r.stderr.split("known formats: ", 1)[1].split(")", 1)[0].split(", ")
 
 
 def read(path):
@@ -90,34 +98,28 @@ def main():
             f.write(npy_bytes("<f4", shape, f32(vals)))
         src[len(shape)] = p
 
-    # Native files: every element type on one shape, every axis count on one type.
+    # Every format: every element type it holds on one shape, every axis count on real32.
     types = ["uint8", "uint16", "uint32", "uint64", "int8", "int16", "int32", "int64", "real32",
              "real64", "imag32", "imag64", "cmplx32", "cmplx64"]
-    for t in types:
-        p = os.path.join(tmp, "%s.img" % t)
-        run(p, "=", t, src[2])
-        save("zv", "%s_2d.img" % t, read(p))
-    for dim in (1, 3, 4):
-        p = os.path.join(tmp, "r%d.img" % dim)
-        run(p, "=", "real32", src[dim])
-        save("zv", "real32_%dd.img" % dim, read(p))
+    for fmt in known_formats():
+        suffix = "img" if fmt == "zv" else fmt
+        for t in types:
+            p = os.path.join(tmp, "%s.%s" % (t, suffix))
+            if run("-fmt", fmt, p, "=", t, src[2], check=False).returncode == 0:
+                save(fmt, "%s_2d.%s" % (t, suffix), read(p))
+        for dim in (1, 3, 4):
+            p = os.path.join(tmp, "r%d.%s" % (dim, suffix))
+            run("-fmt", fmt, p, "=", "real32", src[dim])
+            save(fmt, "real32_%dd.%s" % (dim, suffix), read(p))
+
     p = os.path.join(tmp, "empty.img")
     with open(os.path.join(tmp, "empty.npy"), "wb") as f:
         f.write(npy_bytes("<f4", (0, 3), b""))
     run(p, "=", "+", os.path.join(tmp, "empty.npy"))
     save("zv", "empty.img", read(p))
 
-    # MRC: the writable modes, 1 to 4 axes, then byte-level variants.
-    mrc = {}
-    for t in ["int8", "uint8", "int16", "uint16", "real32", "cmplx32"]:
-        p = os.path.join(tmp, "%s.mrc" % t)
-        run(p, "=", t, src[2])
-        mrc[t] = read(p)
-        save("mrc", "%s_2d.mrc" % t, mrc[t])
-    for dim in (1, 3, 4):
-        p = os.path.join(tmp, "r%d.mrc" % dim)
-        run(p, "=", "real32", src[dim])
-        save("mrc", "real32_%dd.mrc" % dim, read(p))
+    # MRC variants at the byte level.
+    mrc = {t: read(os.path.join(OUT, "mrc", "%s_2d.mrc" % t)) for t in ["int16", "real32", "cmplx32"]}
     save("mrc", "real32_big.mrc", mrc_big_endian(mrc["real32"], 4))
     save("mrc", "int16_big.mrc", mrc_big_endian(mrc["int16"], 2))
     save("mrc", "cmplx32_big.mrc", mrc_big_endian(mrc["cmplx32"], 4))
@@ -131,14 +133,7 @@ def main():
     cint = mrc_set(mrc_set(mrc["int16"], 3, 3), 0, 2)  # 4 x 3 int16 as 2 x 3 pairs
     save("mrc", "cint16_mode3.mrc", mrc_set(cint, 7, 2))
 
-    # NPY: every type NPY holds, 1 to 4 axes, then versions, byte order, column-major, float16.
-    for t in ["uint8", "uint16", "uint32", "uint64", "int8", "int16", "int32", "int64", "real32",
-              "real64", "cmplx32", "cmplx64"]:
-        p = os.path.join(tmp, "%s.npy" % t)
-        run(p, "=", t, src[2])
-        save("npy", "%s_2d.npy" % t, read(p))
-    for dim in (1, 3, 4):
-        save("npy", "real32_%dd.npy" % dim, read(src[dim]))
+    # NPY variants: versions, byte order, column-major, float16 and unusual shapes.
     vals = [0.5 * i - 2 for i in range(12)]
     save("npy", "v2.npy", npy_bytes("<f4", (3, 4), f32(vals), version=2))
     save("npy", "v3.npy", npy_bytes("<f4", (3, 4), f32(vals), version=3))
