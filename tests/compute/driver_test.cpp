@@ -210,6 +210,20 @@ TEST_F(Driver, ConversionsSaturateThroughFiles) {
   EXPECT_EQ(d.as<float>(), (std::vector<float>{127, 0, 0, 0, -128, 0, -128, 0, 127, 0, 2, 0}));
 }
 
+// Subnormal operands through the files: ln of -2^-149 and of 2^-127 is ln of a zero, the phase of
+// (-0, -0) is -pi, and a number below the normal range is parsed as the zero of its sign.
+TEST_F(Driver, SubnormalsComputeAsZerosOfTheirSign) {
+  WriteImage(P("a.npy"), TypeReal32, {2}, std::vector<uint32_t>{0x80000001, 0x00400000});
+  WriteImage(P("c.npy"), TypeCmplx32, {1}, std::vector<uint32_t>{0x807fffff, 0x80000001});
+  ASSERT_EQ(RunTool({P("l.npy"), "=", "ln", P("a.npy")}).status, 0);
+  EXPECT_EQ(ReadImage(P("l.npy")).as<float>(), (std::vector<float>{-INFINITY, -INFINITY}));
+  ASSERT_EQ(RunTool({P("p.npy"), "=", "phase", P("c.npy")}).status, 0);
+  EXPECT_EQ(ReadImage(P("p.npy")).as<uint32_t>(), std::vector<uint32_t>{0xc0490fdb});
+  ASSERT_EQ(RunTool({P("i.npy"), "=", P("l.npy"), "+i", "-1e-40"}).status, 0);
+  EXPECT_EQ(ReadImage(P("i.npy")).as<uint32_t>(),
+            (std::vector<uint32_t>{0xff800000, 0x80000000, 0xff800000, 0x80000000}));
+}
+
 TEST_F(Driver, HermitianAttributeOnlyOnComplexResults) {
   WriteImage(P("f.img"), TypeCmplx32, {2}, std::vector<float>{1, 2, 3, 4}, 2);
   ASSERT_EQ(RunTool({"-h", P("c.img"), "=", P("f.img"), "*", "2"}).status, 0);

@@ -17,6 +17,10 @@ const std::pair<Kernel, float (*)(float)> kFunctions[] = {
 
 const float kPi = 3.14159274f, kHalfPi = 1.57079637f;
 
+// The library as the kernels must call it: a subnormal argument enters as the zero of its sign and a
+// subnormal result comes back as one.
+template <class... A> float Lib(float (*f)(A...), A... a) { return Flushed(f(Flushed(a)...)); }
+
 // Kernels 0-8 are the elementary functions, 9-13 give real32 (re, im, phase, abs, abs2) and 14-15
 // cmplx32 (phfac, mufac).
 const Kernel kParts[] = {ComputeRe, ComputeIm, ComputePhase, ComputeAbs, ComputeAbs2, ComputePhfac, ComputeMufac};
@@ -28,8 +32,8 @@ float SignedRoot(float v) { return v >= 0 ? lib_sqrt(v) : std::isnan(v) ? v : -l
 Cmplx32 PartsRule(int k, char kind, Cmplx32 p) {
   const float a = p.re, b = p.im, x = kind == 'i' ? b : a;
   if (kind == 'c') {
-    const float m = lib_hypot(a, b), s = lib_sqrt(m);
-    const Cmplx32 by[] = {{a, 0}, {b, 0}, {lib_atan2(b, a), 0}, {m, 0}, {a * a + b * b, 0},
+    const float m = Lib(lib_hypot, a, b), s = lib_sqrt(m);
+    const Cmplx32 by[] = {{a, 0}, {b, 0}, {Lib(lib_atan2, b, a), 0}, {m, 0}, {a * a + b * b, 0},
                           m != 0 && !std::isnan(m) ? Cmplx32{a / m, b / m} : Cmplx32{0, 0},
                           s != 0 && !std::isnan(s) ? Cmplx32{a / s, b / s} : Cmplx32{0, 0}};
     return by[k];
@@ -42,32 +46,62 @@ Cmplx32 PartsRule(int k, char kind, Cmplx32 p) {
   return imag ? Cmplx32{0, v} : Cmplx32{v, 0};
 }
 
-// Every source type, in place when it is the destination's type; the elementary functions refuse
+// Kernel k (0-8 the elementary functions, 9-13 re, im, phase, abs, abs2, 14-15 phfac, mufac) on the
+// block orig, in place when its type is the destination's; the elementary functions refuse
 // imaginary and complex sources without writing.
+void CheckKernel(int k, const Buf &orig) {
+  const ElementType t = orig.type, dt = k < 14 ? TypeReal32 : TypeCmplx32;
+  const Kernel kernel = k < 9 ? kFunctions[k].first : kParts[k - 9];
+  const uint64_t n = orig.size();
+  Buf src = orig, dst(dt, n);
+  const bool in_place = t == dt;
+  const uint32_t status = kernel(0, src.data(), t, nullptr, 0, n, in_place ? src.data() : dst.data(), dt);
+  if (k < 9 && !IsRealOrIntegerType(t)) {
+    EXPECT_TRUE(Refused(status, t));
+    EXPECT_EQ(dst.bytes, Buf(dt, n).bytes);
+    return;
+  }
+  ASSERT_EQ(status, 0u);
+  const char kind = IsCmplxType(t) ? 'c' : IsImagType(t) ? 'i' : 'r';
+  for (uint64_t i = 0; i < n; ++i) {
+    const Cmplx32 want =
+        k < 9 ? Cmplx32{Lib(kFunctions[k].second, Real32(orig, i)), 0} : PartsRule(k - 9, kind, Pair32(orig, i));
+    const Cmplx32 got = At(in_place ? src : dst, i);
+    ASSERT_TRUE(Same(got.re, want.re) && Same(got.im, want.im))
+        << k << " " << TypeIdent(t) << " " << i << ": " << std::hex << Bits(got.re) << " " << Bits(want.re);
+  }
+}
+
 TEST(Functions, EverySourceTypeFollowsTheRules) {
   for (int k = 0; k < 16; ++k)
-    for (ElementType t : kAllTypes) {
-      const Kernel kernel = k < 9 ? kFunctions[k].first : kParts[k - 9];
-      const ElementType dt = k < 14 ? TypeReal32 : TypeCmplx32;
-      const uint64_t n = IsCmplxType(t) ? 56 * 56 : 67;  // complex: every pair of parts
-      const Buf orig = Sample(t, n);
-      Buf src = orig, dst(dt, n);
-      const bool in_place = t == dt;
-      const uint32_t status = kernel(0, src.data(), t, nullptr, 0, n, in_place ? src.data() : dst.data(), dt);
-      if (k < 9 && !IsRealOrIntegerType(t)) {
-        EXPECT_TRUE(Refused(status, t));
-        EXPECT_EQ(dst.bytes, Buf(dt, n).bytes);
-        continue;
-      }
-      ASSERT_EQ(status, 0u);
-      const char kind = IsCmplxType(t) ? 'c' : IsImagType(t) ? 'i' : 'r';
-      for (uint64_t i = 0; i < n; ++i) {
-        const Cmplx32 want =
-            k < 9 ? Cmplx32{kFunctions[k].second(Real32(orig, i)), 0} : PartsRule(k - 9, kind, Pair32(orig, i));
-        const Cmplx32 got = At(in_place ? src : dst, i);
-        ASSERT_TRUE(Same(got.re, want.re) && Same(got.im, want.im)) << k << " " << TypeIdent(t) << " " << i;
-      }
+    for (ElementType t : kAllTypes) CheckKernel(k, Sample(t, IsCmplxType(t) ? 56 * 56 : 67));  // complex: all pairs
+}
+
+// Subnormal and boundary operands (smallest and largest subnormal, smallest normal, both signs; for
+// binary64 also the binary32 subnormal range) as real values and as every pair of complex parts.
+TEST(Functions, SubnormalOperandsAndResultsAreFlushed) {
+  const uint64_t p32[] = {0, 1, 0x400000, 0x7fffff, 0x800000, 0x3f800000};
+  const uint64_t p64[] = {0, 1, 0xfffffffffffff, 0x10000000000000, 0x36a0000000000000, 0x380fffffc0000000,
+                          0x3810000000000000, 0x3ff0000000000000};
+  for (ElementType t : {TypeReal32, TypeReal64, TypeCmplx32, TypeCmplx64}) {
+    const bool wide = TypeSize(t) / (IsCmplxType(t) ? 2 : 1) == 8;
+    std::vector<uint64_t> v;
+    for (uint64_t p : wide ? std::vector<uint64_t>(p64, p64 + 8) : std::vector<uint64_t>(p32, p32 + 6))
+      v.insert(v.end(), {p, p | (wide ? 1ull << 63 : 1ull << 31)});
+    const uint64_t m = v.size(), n = IsCmplxType(t) ? m * m : m, w = wide ? 8 : 4;
+    Buf b(t, n);
+    for (uint64_t j = 0; j < n; ++j) {  // complex: value j / m with value j % m
+      std::memcpy(&b.bytes[j * TypeSize(t)], &v[IsCmplxType(t) ? j / m : j], w);
+      if (IsCmplxType(t)) std::memcpy(&b.bytes[j * TypeSize(t) + w], &v[j % m], w);
     }
+    // The whole block, and each value as a block of its own (the only subnormal of its block).
+    for (int k = 0; k < 16; ++k) CheckKernel(k, b);
+    for (uint64_t j = 0; j < n; ++j) {
+      Buf one(t, 1);
+      std::memcpy(one.data(), &b.bytes[j * TypeSize(t)], TypeSize(t));
+      for (int k = 0; k < 16; ++k) CheckKernel(k, one);
+    }
+  }
 }
 
 TEST(Functions, AddImagEveryTypePair) {

@@ -1,6 +1,7 @@
 // Error stack, number parsing, array sizes and the type table.
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -95,6 +96,12 @@ TEST(NumberParsing, RealsRoundOnceToBinary32) {
   EXPECT_TRUE(std::isinf(f));
   EXPECT_EQ(Parse(StringParseReal32, "nan", &f, &used), 0u);
   EXPECT_TRUE(std::isnan(f));
+  // Below the normal range: the zero of the sign, as flush-to-zero stores it.
+  EXPECT_EQ(Parse(StringParseReal32, "-1e-40", &f, &used), 0u);
+  EXPECT_EQ(std::bit_cast<uint32_t>(f), 0x80000000u);
+  double d;
+  EXPECT_EQ(Parse(StringParseReal64, "1e-310", &d, &used), 0u);
+  EXPECT_EQ(std::bit_cast<uint64_t>(d), 0u);
   EXPECT_EQ(Parse(StringParseReal32, " 1", &f, &used), E_PARSE_NOVALUE);
   EXPECT_EQ(Parse(StringParseReal32, "a.img", &f, &used), E_PARSE_NOVALUE);
 }
