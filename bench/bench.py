@@ -14,25 +14,28 @@ command line (its own .v files).
 --dir DIR     where the temporary directory with the inputs goes (default /tmp); removed at the end
 --markdown F  also write the tables as Markdown to F; --json F: every measurement as JSON
 
-Operations: a + b, a * 2.5, sqrt a, exp a, real32 of an int16 image, a gt 0.5, -mean, +nran 1, on
-native (.img), MRC (.mrc) and NPY (.npy) files. Tools per case:
+Operations: a + b, a * 2.5, sqrt a, exp a, ln a, sin a, real32 of an int16 image, a gt 0.5, -mean,
++nran 1, phase d, abs d (d: a cmplx32 image of 2^(S-2) elements, 512 MiB at S = 28), on native
+(.img), MRC (.mrc) and NPY (.npy) files; with --ops also cos tan asin acos atan of a and +uran 1.
+Tools per case:
   zvcompute, C reference, floor   every case
   numpy                           .npy cases (np.load / np.save, whole arrays in memory)
   mrcfile                         .mrc cases (mrcfile.read / mrcfile.write, NumPy arithmetic)
-  vips                            with the native cases, on .v copies of the inputs; not for -mean
-                                  (no per-block mean); +nran is gaussnoise then add (two commands)
+  vips                            with the native cases of + * sqrt exp real32 gt +nran, on .v copies
+                                  of the inputs; +nran is gaussnoise then add (two commands)
 The C reference (bench/ref_stream.c, compiled here with cc) reads and writes 1 MiB chunks with
 read()/write(), skips the input header and writes a zero placeholder header. The floor is one shell
 command: `cat` of the inputs to /dev/null (read() into a user buffer) and `cat` of an output-sized
 file into the output (copy_file_range, an in-kernel copy).
 
 Output checks against zvcompute's output of the same case: the C reference must agree bit for bit in
-every case (it draws the same rand() sequence for +nran). NumPy, mrcfile and vips must agree bit for
-bit for +, *, sqrt, real32 and gt (vips gives 255 for true: compared as 255 x zvcompute's mask); for
-exp and -mean within 2^-22 relative + 2^-30 absolute (different exp implementations; a differently
-summed mean); for +nran, whose random sequences differ, the added noise of every tool (zvcompute's
-too) must have mean 0 within 6 standard errors + 0.002 (zvcompute's rand()-based generator has a
-bias of about 7e-4 that 2^28 draws resolve) and standard deviation 1 within 1 %.
+every case (it draws the same rand() sequence for +nran and +uran). NumPy, mrcfile and vips must
+agree bit for bit for +, *, sqrt, real32 and gt (vips gives 255 for true: compared as 255 x
+zvcompute's mask); for the functions and -mean within 2^-20 relative + 2^-30 absolute, NaN agreeing
+with NaN (different implementations; a differently summed mean); +uran has no peer; for +nran, whose
+random sequences differ, the added noise of every tool (zvcompute's too) must have mean 0 within 6
+standard errors + 0.002 (zvcompute's rand()-based generator has a bias of about 7e-4 that 2^28 draws
+resolve) and standard deviation 1 within 1 %.
 
 Memory check: peak resident memory (wait4 ru_maxrss, which counts mapped file pages) of zvcompute on
 a 2^(S+2)-element image (4 GiB of real32 at S = 28) and on a 2^24-element (64 MiB) one, for a + b
@@ -112,7 +115,25 @@ OPS = {
                  ref=["mean"], out="f4", peer="tol"),
     "nran": dict(label="+nran 1", ins=("a",), zv=lambda o, i: [o, "=", i[0], "+nran", "1"],
                  ref=["nran", "1"], out="f4", peer="noise"),
+    "uran": dict(label="+uran 1", ins=("a",), zv=lambda o, i: [o, "=", i[0], "+uran", "1"],
+                 ref=["uran", "1"], out="f4", peer=None),
+    "phase": dict(label="phase d", ins=("d",), zv=lambda o, i: [o, "=", "phase", i[0]],
+                  ref=["phase"], out="f4", peer="tol"),
+    "abs": dict(label="abs d", ins=("d",), zv=lambda o, i: [o, "=", "abs", i[0]],
+                ref=["abs"], out="f4", peer="tol"),
 }
+# The elementary functions other than exp, on input a: same shape as exp.
+for _f in ("ln", "sin", "cos", "tan", "asin", "acos", "atan"):
+    OPS[_f] = dict(label=f"{_f} a", ins=("a",), zv=lambda o, i, f=_f: [o, "=", f, i[0]],
+                   ref=[_f], out="f4", peer="tol")
+DEFAULT_OPS = "add,mul,sqrt,exp,ln,sin,real32,gt,mean,nran,phase,abs"
+# Input d is cmplx32 with a quarter of the elements of a (a 512 MiB file at 2^28); the outputs of
+# phase and abs are real32 of that count.
+def out_count(op, n):
+    return n // 4 if OPS[op]["ins"] == ("d",) else n
+
+
+VIPS_OPS = ("add", "mul", "sqrt", "exp", "real32", "gt", "nran")
 FORMATS = {"zv": ".img", "mrc": ".mrc", "npy": ".npy"}
 FORMAT_LABEL = {"zv": "native", "mrc": "MRC", "npy": "NPY"}
 
@@ -148,6 +169,11 @@ elif op == "mean":
     r = r.reshape(a.shape)
 elif op == "nran":
     r = a + np.random.default_rng(123).standard_normal(a.shape, dtype=np.float32)
+elif op == "ln": r = np.log(a)
+elif op in ("sin", "cos", "tan"): r = getattr(np, op)(a)
+elif op in ("asin", "acos", "atan"): r = getattr(np, "arc" + op[1:])(a)
+elif op == "phase": r = np.angle(a).astype(np.float32)
+elif op == "abs": r = np.abs(a)
 save(out, r)
 """
 
@@ -223,38 +249,41 @@ def copy_range(src, src_off, dst, length):
 class Inputs:
     """Inputs of one size: a, b (real32) and c (int16) in each format, .v copies for vips."""
 
-    def __init__(self, ctx, n_log2, names=("a", "b", "c"), formats=("zv", "mrc", "npy"), vips=True):
+    def __init__(self, ctx, n_log2, names=("a", "b", "c", "d"), formats=("zv", "mrc", "npy"), vips=True):
         self.ctx, self.n_log2 = ctx, n_log2
         self.n = 1 << n_log2
         self.nx, self.ny = shape_of(n_log2)
         self.dir = os.path.join(ctx.tmp, f"in{n_log2}")
         os.makedirs(self.dir, exist_ok=True)
         self.files = {}  # (fmt, name) -> (path, data offset)
-        seeds = {"a": 1, "b": 2, "c": 3}
+        seeds = {"a": 1, "b": 2, "c": 3, "d": 4}
+        # name: (generator type, element count, native type code, element size, MRC mode, NPY descr)
+        kinds = {"c": ("int16", self.n, 0x301002, 2, 1, "<i2"),
+                 "d": ("cmplx32", self.n // 4, 0xd02008, 8, 4, "<c8")}
         for name in names:
-            f32 = name != "c"
-            esize = 4 if f32 else 2
+            gtype, count, code, esize, mode, descr = kinds.get(name, ("real32", self.n, 0x501004, 4, 2, "<f4"))
+            nx, ny = shape_of(n_log2 - 2) if name == "d" else (self.nx, self.ny)
             path = os.path.join(self.dir, name + ".img")
             with open(path, "wb") as f:
-                f.write(native_header(self.nx, self.ny, 0x501004 if f32 else 0x301002, esize))
-            run_checked([ctx.ref, "gen", "real32" if f32 else "int16", str(self.n), str(seeds[name]), path])
+                f.write(native_header(nx, ny, code, esize))
+            run_checked([ctx.ref, "gen", gtype, str(count), str(seeds[name]), path])
             self.files[("zv", name)] = (path, 4096)
             for fmt in formats:
                 if fmt == "zv":
                     continue
                 p = os.path.join(self.dir, name + FORMATS[fmt])
-                hdr = (mrc_header(self.nx, self.ny, 2 if f32 else 1) if fmt == "mrc"
-                       else npy_header(self.nx, self.ny, "<f4" if f32 else "<i2"))
+                hdr = mrc_header(nx, ny, mode) if fmt == "mrc" else npy_header(nx, ny, descr)
                 with open(p, "wb") as f:
                     f.write(hdr)
-                copy_range(path, 4096, p, self.n * esize)
+                copy_range(path, 4096, p, count * esize)
                 self.files[(fmt, name)] = (p, len(hdr))
-            if vips and ctx.vips:
+            if vips and ctx.vips and name != "d":
                 p = os.path.join(self.dir, name + ".v")
                 run_checked(["vips", "rawload", path, p, str(self.nx), str(self.ny), "1",
-                             "--offset", "4096", "--format", "float" if f32 else "short"])
+                             "--offset", "4096", "--format", "short" if name == "c" else "float"])
                 self.files[("v", name)] = (p, 64)
-        # Source of the floor's copy for a uint8 output (real32 outputs copy input a).
+        # Source of the floor's copy for an output of n bytes (uint8, or real32 from d; other real32
+        # outputs copy input a).
         self.u8src = os.path.join(self.dir, "u8.bin")
         open(self.u8src, "wb").close()
         copy_range(self.files[("zv", "a")][0], 4096, self.u8src, self.n)
@@ -318,7 +347,7 @@ def tool_commands(ctx, inp, op, fmt, tool, outdir):
         return argv + o["ref"][1:], out, [], None
     if tool == "floor":
         out = os.path.join(outdir, "floor" + ext)
-        src = inp.u8src if o["out"] == "u1" else inp.files[("zv", "a")][0]
+        src = inp.u8src if o["out"] == "u1" or o["ins"] == ("d",) else inp.files[("zv", "a")][0]
         script = 'cat "$@" > /dev/null && cat "$SRC" > "$DST"'
         env = dict(os.environ, SRC=src, DST=out)
         return ["sh", "-c", script, "sh"] + [p for p, _ in ins], out, [], env
@@ -351,11 +380,13 @@ def tool_commands(ctx, inp, op, fmt, tool, outdir):
 
 def tools_for(ctx, op, fmt):
     tools = ["zvcompute", "ref", "floor"]
+    if OPS[op]["peer"] is None:
+        return tools
     if fmt == "npy" and np is not None:
         tools.append("numpy")
     if fmt == "mrc" and HAVE_MRCFILE:
         tools.append("mrcfile")
-    if fmt == "zv" and ctx.vips and op != "mean":
+    if fmt == "zv" and ctx.vips and op in VIPS_OPS:
         tools.append("vips")
     return tools
 
@@ -408,10 +439,12 @@ def check_output(kind, n, dtype, exp_path, got_path, a_file=None, got_off=None):
         elif kind == "x255":
             ne = x.astype(np.uint16) * 255 != y
         else:  # tol
-            diff = np.abs(x.astype(np.float64) - y)
-            ne = ~(diff <= 2.0 ** -22 * np.abs(x.astype(np.float64)) + 2.0 ** -30)
-            if diff.size:
-                worst = max(worst, float(np.nanmax(diff)))
+            # Equal values (infinities included) and NaN against NaN agree.
+            xd = x.astype(np.float64)
+            diff = np.abs(xd - y)
+            ne = ~((xd == y) | (np.isnan(xd) & np.isnan(y)) | (diff <= 2.0 ** -20 * np.abs(xd) + 2.0 ** -30))
+            if np.count_nonzero(ne):
+                worst = max(worst, float(np.nanmax(np.where(ne, diff, 0))))
         bad += int(np.count_nonzero(ne))
     if bad:
         return f"{bad} of {n} elements differ" + (f" (max abs diff {worst:.3g})" if kind == "tol" else "")
@@ -432,7 +465,7 @@ def check_kind(op, tool):
 
 def run_size(ctx, n_log2, runs, results, failures):
     n = 1 << n_log2
-    need = n * (4 + 4 + 2) * 3 + n * 10 + n * 4 * 3
+    need = n * (4 + 4 + 2 + 2) * 3 + n * 10 + n * 4 * 3
     free = shutil.disk_usage(ctx.tmp).free
     if need > free:
         raise SystemExit(f"bench: 2^{n_log2} needs about {need / 2**30:.1f} GiB in {ctx.tmp}, "
@@ -477,7 +510,7 @@ def run_size(ctx, n_log2, runs, results, failures):
                                 failures.append(f"2^{n_log2} {op} {fmt} zvcompute: {err}")
                     elif t != "floor" and expected:
                         kind = check_kind(op, t)
-                        err = check_output(kind, n, OPS[op]["out"], expected, out, inp.files[(fmt, "a")],
+                        err = check_output(kind, out_count(op, n), OPS[op]["out"], expected, out, inp.files[(fmt, "a")],
                                            inp.files[(fmt, OPS[op]["ins"][0])][1] if t == "ref" else None)
                         rec["check"] = err if err is None or err else "not checked (needs NumPy)"
                         if err:
@@ -656,7 +689,8 @@ def main():
     ap.add_argument("--smoke", action="store_true", help="everything once at 2^20, no timing claims")
     ap.add_argument("--zvcompute", help="zvcompute binary (default: build it into build-bench)")
     ap.add_argument("--dir", default="/tmp", help="parent of the temporary directory (default /tmp)")
-    ap.add_argument("--ops", default=",".join(OPS), help="comma-separated subset of " + ",".join(OPS))
+    ap.add_argument("--ops", default=DEFAULT_OPS, help="comma-separated subset of " + ",".join(OPS)
+                    + " (default " + DEFAULT_OPS + ")")
     ap.add_argument("--formats", default="zv,mrc,npy", help="comma-separated subset of zv,mrc,npy")
     ap.add_argument("--no-memcheck", action="store_true", help="skip the flat-memory check")
     ap.add_argument("--no-vips", action="store_true", help="leave vips out even when installed")

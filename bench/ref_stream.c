@@ -5,15 +5,18 @@
  * denormals-are-zero are set as zvcompute sets them, no FMA, the same libm and libc calls.
  *
  * Usage:
- *   ref_stream gen  real32|int16 COUNT SEED FILE     append COUNT pseudo-random elements to FILE
+ *   ref_stream gen  real32|int16|cmplx32 COUNT SEED FILE   append COUNT pseudo-random elements
  *   ref_stream add  OUT OUTHDR A AOFF B BOFF         out = a + b                (real32)
  *   ref_stream mul  OUT OUTHDR A AOFF VALUE          out = a * value            (real32)
  *   ref_stream sqrt OUT OUTHDR A AOFF                out = sqrtf(a)             (real32)
  *   ref_stream exp  OUT OUTHDR A AOFF                out = expf(a)              (real32)
+ *   ref_stream ln|sin|cos|tan|asin|acos|atan OUT OUTHDR A AOFF    out = logf(a), sinf(a) ...
+ *   ref_stream phase|abs OUT OUTHDR D DOFF           out = atan2f(im, re), hypotf(re, im), d cmplx32
  *   ref_stream real32 OUT OUTHDR A AOFF              out = (float)a, a int16    (real32)
  *   ref_stream gt   OUT OUTHDR A AOFF VALUE          out = a > value            (uint8)
  *   ref_stream mean OUT OUTHDR A AOFF                out = a - mean of its 2^24-element block
  *   ref_stream nran OUT OUTHDR A AOFF VALUE          out = a + gaussian(sd = value), srand(SEED)
+ *   ref_stream uran OUT OUTHDR A AOFF VALUE          out = rand() * (value * 2^-31) + a, srand(SEED)
  *
  * Build: cc -O2 -fvect-cost-model=dynamic -ffp-contract=off -fno-math-errno ref_stream.c -lm
  * (the optimisation and floating-point flags of zvcompute's own release build). */
@@ -100,6 +103,17 @@ static void loop_sqrt(float *restrict d, const float *restrict a, size_t n) {
 static void loop_exp(float *restrict d, const float *restrict a, size_t n) {
   for (size_t i = 0; i < n; ++i) d[i] = expf(a[i]);
 }
+static float (*const functions[])(float) = {logf, sinf, cosf, tanf, asinf, acosf, atanf};
+static const char *const function_names[] = {"ln", "sin", "cos", "tan", "asin", "acos", "atan"};
+static void loop_function(float (*f)(float), float *restrict d, const float *restrict a, size_t n) {
+  for (size_t i = 0; i < n; ++i) d[i] = f(a[i]);
+}
+static void loop_phase(float *restrict d, const float *restrict c, size_t n) {
+  for (size_t i = 0; i < n; ++i) d[i] = atan2f(c[2 * i + 1], c[2 * i]);
+}
+static void loop_abs(float *restrict d, const float *restrict c, size_t n) {
+  for (size_t i = 0; i < n; ++i) d[i] = hypotf(c[2 * i], c[2 * i + 1]);
+}
 static void loop_real32(float *restrict d, const int16_t *restrict a, size_t n) {
   for (size_t i = 0; i < n; ++i) d[i] = (float)a[i];
 }
@@ -122,13 +136,19 @@ static double random_normal(double a) {
   return (-g) * a;
 }
 
-/* xorshift64* input generator: real32 uniform in [0, 2) on a 2^-23 grid, int16 over its range. */
+/* xorshift64* input generator: real32 uniform in [0, 2) on a 2^-23 grid, int16 over its range,
+ * cmplx32 with both parts uniform in [-1, 1). */
 static int gen(const char *type, uint64_t count, uint64_t seed, const char *name) {
   int fd = open(name, O_WRONLY | O_APPEND);
   if (fd < 0) die("cannot open", name);
   uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
-  int is_f32 = strcmp(type, "real32") == 0;
+  int is_f32 = strcmp(type, "real32") == 0, is_c32 = strcmp(type, "cmplx32") == 0;
   size_t esize = is_f32 ? 4 : 2;
+  if (is_c32) {
+    count *= 2; /* two real32 parts per element */
+    is_f32 = 1;
+    esize = 4;
+  }
   void *buf = malloc(CHUNK * esize);
   if (!buf) die("out of memory", "");
   for (uint64_t done = 0; done < count;) {
@@ -138,7 +158,8 @@ static int gen(const char *type, uint64_t count, uint64_t seed, const char *name
       x ^= x << 25;
       x ^= x >> 27;
       uint64_t r = x * 0x2545F4914F6CDD1Dull;
-      if (is_f32) ((float *)buf)[i] = (float)(r >> 40) * 0x1p-23f;
+      if (is_c32) ((float *)buf)[i] = (float)(r >> 40) * 0x1p-23f - 1.0f;
+      else if (is_f32) ((float *)buf)[i] = (float)(r >> 40) * 0x1p-23f;
       else ((int16_t *)buf)[i] = (int16_t)(uint16_t)(r >> 48);
     }
     write_all(fd, buf, n * esize);
@@ -190,8 +211,12 @@ int main(int argc, char **argv) {
   }
   const char *op = argv[1];
   int is_int16 = strcmp(op, "real32") == 0;
+  int is_cmplx = strcmp(op, "phase") == 0 || strcmp(op, "abs") == 0;
+  int function = -1;
+  for (int k = 0; k < 7; ++k)
+    if (strcmp(op, function_names[k]) == 0) function = k;
   uint64_t count, count_b;
-  int in = open_in(argv[4], atoll(argv[5]), is_int16 ? 2 : 4, &count);
+  int in = open_in(argv[4], atoll(argv[5]), is_int16 ? 2 : is_cmplx ? 8 : 4, &count);
   int out = open_out(argv[2], atoll(argv[3]));
   float *a = aligned_alloc(64, CHUNK * 4), *b = aligned_alloc(64, CHUNK * 4), *d = aligned_alloc(64, CHUNK * 4);
   if (!a || !b || !d) die("out of memory", "");
@@ -219,10 +244,21 @@ int main(int argc, char **argv) {
       write_all(out, d, n * 4);
       done += n;
     }
-  } else {
+  } else if (strcmp(op, "uran") == 0) {
+    srand(123);
+    const float c = value * 0x1p-31f;
     for (uint64_t done = 0; done < count;) {
       size_t n = count - done < CHUNK ? (size_t)(count - done) : CHUNK;
-      read_all(in, a, n * (is_int16 ? 2 : 4));
+      read_all(in, a, n * 4);
+      for (size_t i = 0; i < n; ++i) d[i] = (float)rand() * c + a[i];
+      write_all(out, d, n * 4);
+      done += n;
+    }
+  } else {
+    const size_t chunk = is_cmplx ? CHUNK / 2 : CHUNK;
+    for (uint64_t done = 0; done < count;) {
+      size_t n = count - done < chunk ? (size_t)(count - done) : chunk;
+      read_all(in, a, n * (is_int16 ? 2 : is_cmplx ? 8 : 4));
       size_t out_bytes = n * 4;
       if (strcmp(op, "add") == 0) {
         read_all(inb, b, n * 4);
@@ -233,6 +269,12 @@ int main(int argc, char **argv) {
         loop_sqrt(d, a, n);
       } else if (strcmp(op, "exp") == 0) {
         loop_exp(d, a, n);
+      } else if (function >= 0) {
+        loop_function(functions[function], d, a, n);
+      } else if (strcmp(op, "phase") == 0) {
+        loop_phase(d, a, n);
+      } else if (strcmp(op, "abs") == 0) {
+        loop_abs(d, a, n);
       } else if (is_int16) {
         loop_real32(d, (const int16_t *)a, n);
       } else if (strcmp(op, "gt") == 0) {

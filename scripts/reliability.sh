@@ -7,7 +7,9 @@ cd "$(dirname "$0")/.."
 bash scripts/deps.sh clang libclang-rt-14-dev
 jobs=$(nproc)
 seconds=${ZV_FUZZ_SECONDS:-60}
-targets=(zv mrc npy auto option_args option_decl)
+# One reader target per format (named after its file under src/platform/imageio/formats), then the rest.
+mapfile -t formats < <(basename -s .cpp src/platform/imageio/formats/*.cpp)
+targets=("${formats[@]}" auto option_args option_decl)
 
 # A sanitizer report must not pass for the tool's own exit status 1.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:exitcode=86

@@ -10,7 +10,7 @@ inline constexpr bool IsIntegerType(ElementType t) { return (t == TypeUint8 || t
 inline constexpr bool IsImagType(ElementType t) { return t == TypeImag32 || t == TypeImag64; }
 inline constexpr bool IsCmplxType(ElementType t) { return t == TypeCmplx32 || t == TypeCmplx64; }
 inline constexpr bool IsRealOrIntegerType(ElementType t) { return IsIntegerType(t) || t == TypeReal32 || t == TypeReal64; }
-inline constexpr bool IsKnownType(ElementType t) { return IsRealOrIntegerType(t) || IsImagType(t) || IsCmplxType(t); }
+inline constexpr bool IsKnownType(ElementType t) { return TypeKnown(t); }
 
 // Every operation kernel: one block of count elements. src2 is count elements when operand2_is_array
 // is 1, one element otherwise (null for unary kernels). In place, dst equals src1 and dst_type equals

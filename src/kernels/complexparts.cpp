@@ -1,6 +1,7 @@
 // Complex parts and magnitudes: real and imaginary parts, phase, magnitude, squared magnitude, the
 // phase and magnitude-root factors, and complex values built from two real operands. Everything is
 // computed in single precision; 64-bit parts are narrowed to binary32 first.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <numbers>
@@ -40,13 +41,15 @@ inline Cmplx32 ScaleByMeasure(float a, float b, float m) {
 
 // Applies op to each element of src1 (any of the fourteen types) and stores the results in dst. Each
 // element is read whole before its result is stored, so dst may be src1 when the types agree.
-template <class Out, class Op>
+// Without kComplex, complex sources are left to the caller.
+template <class Out, bool kComplex = true, class Op>
 uint32_t EachElement(const void *src1, ElementType src1_type, uint64_t count, void *dst, Op op) {
   Out *d = static_cast<Out *>(dst);
   return DispatchType(src1_type, [&](auto tag) -> uint32_t {
     using T = decltype(tag);
     const T *s = static_cast<const T *>(src1);
-    for (uint64_t k = 0; k < count; ++k) d[k] = op(s[k]);
+    if constexpr (kComplex || !kIsCmplx<T>)
+      for (uint64_t k = 0; k < count; ++k) d[k] = op(s[k]);
     return 0;
   });
 }
@@ -57,6 +60,38 @@ uint32_t UnaryParts(const void *src1, ElementType src1_type, uint64_t count, voi
                     ElementType dst_type, ElementType result_type, Op op) {
   if (dst_type != result_type) return ComputeTypeError(dst_type);
   return EachElement<Out>(src1, src1_type, count, dst, op);
+}
+
+constexpr uint64_t kPiece = 512;  // complex elements per piece: stays in the first-level cache
+
+// The same frame for the kernels whose complex results come from the library's function f of the
+// parts: f runs over pieces of binary32 pairs (a cmplx64 piece narrowed first) and its results are
+// stored (real32) or handed with the parts to finish(a, b, f(a, b)) (cmplx32, possibly in place:
+// a piece's parts are read before its results are stored). op gives the other sources' results.
+template <class Out, class Op, class Finish>
+uint32_t PartsByLibrary(const void *src1, ElementType src1_type, uint64_t count, void *dst, ElementType dst_type,
+                             ElementType result_type, LibPair f, Op op, Finish finish) {
+  if (dst_type != result_type) return ComputeTypeError(dst_type);
+  if (!IsCmplxType(src1_type)) return EachElement<Out, false>(src1, src1_type, count, dst, op);
+  Out *d = static_cast<Out *>(dst);
+  float narrowed[2 * kPiece], r[kPiece];
+  for (uint64_t i = 0; i < count; i += kPiece) {
+    const uint64_t m = std::min(kPiece, count - i);
+    const float *p = narrowed;
+    if (src1_type == TypeCmplx32) {
+      p = static_cast<const float *>(src1) + 2 * i;
+    } else {
+      const Cmplx64 *s = static_cast<const Cmplx64 *>(src1) + i;
+      for (uint64_t k = 0; k < m; ++k) narrowed[2 * k] = Re32(s[k]), narrowed[2 * k + 1] = Im32(s[k]);
+    }
+    if constexpr (std::is_same_v<Out, float>) {
+      LibMapPairs(f, p, d + i, m);
+    } else {
+      LibMapPairs(f, p, r, m);
+      for (uint64_t k = 0; k < m; ++k) d[i + k] = finish(p[2 * k], p[2 * k + 1], r[k]);
+    }
+  }
+  return 0;
 }
 
 // One pass of "+i": the real or the imaginary part (field) of every destination element from an
@@ -116,11 +151,9 @@ uint32_t ComputeIm(ZV_KERNEL_ARGS) {
 
 uint32_t ComputePhase(ZV_KERNEL_ARGS) {
   (void)operand2_is_array, (void)src2, (void)src2_type;
-  return UnaryParts<float>(src1, src1_type, count, dst, dst_type, TypeReal32, [](auto x) -> float {
+  const auto other = [](auto x) -> float {
     using T = decltype(x);
-    if constexpr (kIsCmplx<T>) {
-      return atan2f(Im32(x), Re32(x));
-    } else if constexpr (kIsImag<T>) {
+    if constexpr (kIsImag<T>) {
       // The test 0 <= y holds for both zeros, so an imaginary zero points up.
       return 0.0f <= ElementToReal32(x) ? kHalfPi : -kHalfPi;
     } else if constexpr (kIsUnsigned<T>) {
@@ -129,17 +162,20 @@ uint32_t ComputePhase(ZV_KERNEL_ARGS) {
       // -0 counts as non-negative; NaN fails the test and gives pi.
       return 0.0f <= ElementToReal32(x) ? 0.0f : kPi;
     }
-  });
+  };
+  // Complex: atan2f(b, a).
+  return PartsByLibrary<float>(src1, src1_type, count, dst, dst_type, TypeReal32, LibPair::Phase, other, nullptr);
 }
 
 uint32_t ComputeAbs(ZV_KERNEL_ARGS) {
   (void)operand2_is_array, (void)src2, (void)src2_type;
-  return UnaryParts<float>(src1, src1_type, count, dst, dst_type, TypeReal32, [](auto x) -> float {
+  const auto other = [](auto x) -> float {
     using T = decltype(x);
-    if constexpr (kIsCmplx<T>) return hypotf(Re32(x), Im32(x));  // no intermediate overflow
-    else if constexpr (kIsUnsigned<T>) return ElementToReal32(x);
+    if constexpr (kIsUnsigned<T>) return ElementToReal32(x);
     else return ClearSign(ElementToReal32(x));  // -0 gives +0, a NaN loses its sign
-  });
+  };
+  // Complex: hypotf(a, b), which avoids intermediate overflow.
+  return PartsByLibrary<float>(src1, src1_type, count, dst, dst_type, TypeReal32, LibPair::Magnitude, other, nullptr);
 }
 
 uint32_t ComputeAbs2(ZV_KERNEL_ARGS) {
@@ -160,37 +196,36 @@ uint32_t ComputeAbs2(ZV_KERNEL_ARGS) {
 
 uint32_t ComputePhfac(ZV_KERNEL_ARGS) {
   (void)operand2_is_array, (void)src2, (void)src2_type;
-  return UnaryParts<Cmplx32>(src1, src1_type, count, dst, dst_type, TypeCmplx32, [](auto x) -> Cmplx32 {
+  const auto other = [](auto x) -> Cmplx32 {
     using T = decltype(x);
-    if constexpr (kIsCmplx<T>) {
-      const float a = Re32(x), b = Im32(x);
-      return ScaleByMeasure(a, b, hypotf(a, b));
-    } else if constexpr (kIsImag<T>) {
+    if constexpr (kIsImag<T>) {
       return Cmplx32{0.0f, Sgn(ElementToReal32(x))};
     } else if constexpr (kIsUnsigned<T>) {
       return Cmplx32{x != 0 ? 1.0f : 0.0f, 0.0f};
     } else {
       return Cmplx32{Sgn(ElementToReal32(x)), 0.0f};
     }
-  });
+  };
+  // Complex: both parts divided by the magnitude hypotf(a, b).
+  const auto unit = [](float a, float b, float m) { return ScaleByMeasure(a, b, m); };
+  return PartsByLibrary<Cmplx32>(src1, src1_type, count, dst, dst_type, TypeCmplx32, LibPair::Magnitude, other, unit);
 }
 
 uint32_t ComputeMufac(ZV_KERNEL_ARGS) {
   (void)operand2_is_array, (void)src2, (void)src2_type;
-  return UnaryParts<Cmplx32>(src1, src1_type, count, dst, dst_type, TypeCmplx32, [](auto x) -> Cmplx32 {
+  const auto other = [](auto x) -> Cmplx32 {
     using T = decltype(x);
-    if constexpr (kIsCmplx<T>) {
-      // Magnitude becomes the root of the magnitude, phase unchanged.
-      const float a = Re32(x), b = Im32(x);
-      return ScaleByMeasure(a, b, __builtin_sqrtf(hypotf(a, b)));
-    } else if constexpr (kIsImag<T>) {
+    if constexpr (kIsImag<T>) {
       return Cmplx32{0.0f, SignedSqrt(ElementToReal32(x))};
     } else if constexpr (kIsUnsigned<T>) {
       return Cmplx32{__builtin_sqrtf(ElementToReal32(x)), 0.0f};
     } else {
       return Cmplx32{SignedSqrt(ElementToReal32(x)), 0.0f};
     }
-  });
+  };
+  // Complex: the magnitude becomes the root of the magnitude, the phase stays.
+  const auto root = [](float a, float b, float m) { return ScaleByMeasure(a, b, __builtin_sqrtf(m)); };
+  return PartsByLibrary<Cmplx32>(src1, src1_type, count, dst, dst_type, TypeCmplx32, LibPair::Magnitude, other, root);
 }
 
 uint32_t ComputeAddImag(ZV_KERNEL_ARGS) {

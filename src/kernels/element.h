@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "compute/compute.h"
+#include "kernels/libm.h"
 
 // Storage of the imaginary and complex element types; real and integer types are the plain C++ types.
 struct Imag32 { float v; };

@@ -98,7 +98,7 @@ double RandomNormal(double a) {
     v = static_cast<double>(Draw()) * kDrawScale;
     s = v * v + u * u;
   } while (s >= 1.0);
-  double g = std::sqrt((std::log(s) * -2.0) / s) * u;
+  double g = std::sqrt((LibLog64(s) * -2.0) / s) * u;
   if (static_cast<double>(Draw()) >= kSignThreshold) return g * a;
   return (-g) * a;
 }

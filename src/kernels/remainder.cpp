@@ -27,7 +27,7 @@ constexpr uint32_t kInfBits = 0x7f800000u;
 struct ModDivisor {
   float b;
   uint32_t abs;
-  uint32_t exp;
+  uint32_t biased_exp;
   uint64_t sig;
 };
 
@@ -53,7 +53,7 @@ inline float ExactRemainder(float a, const ModDivisor &y) {
   if (ax < y.abs) return ax == 0 ? FromBits(sign) : a;
   if (ax == y.abs) return FromBits(sign);
   uint64_t r = (ax & 0x7fffffu) | kMinNormal;
-  uint32_t e = (ax >> 23) - y.exp;
+  uint32_t e = (ax >> 23) - y.biased_exp;
   while (e > 40) {
     r = (r << 40) % y.sig;
     e -= 40;
@@ -62,8 +62,8 @@ inline float ExactRemainder(float a, const ModDivisor &y) {
   if (r == 0) return FromBits(sign);
   // r < 2^24: move its leading bit to bit 23 and lower the divisor's exponent to match.
   const uint32_t shift = static_cast<uint32_t>(__builtin_clzll(r)) - 40;
-  if (y.exp <= shift) return FromBits(sign);
-  return FromBits(sign | ((y.exp - shift) << 23) | (static_cast<uint32_t>(r << shift) & 0x7fffffu));
+  if (y.biased_exp <= shift) return FromBits(sign);
+  return FromBits(sign | ((y.biased_exp - shift) << 23) | (static_cast<uint32_t>(r << shift) & 0x7fffffu));
 }
 
 // Only a real32 destination reaches the remainder; an imaginary second operand is its coefficient.

@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ImageioHandle *h = *caps ? ImageioOpenReadOnly(in.c_str(), &desc, &param) : ImageioOpenReadWrite(rw.c_str(), &desc, &param);
     if (!h) break;  // the other strategies open the same header
     std::vector<ImageioHandle *> copies;  // header writing, labels, geometry and statistics
-    for (const char *format : {"zv", "mrc", "npy"}) {
+    for (uint32_t i = 0; const char *format = ImageioFormatName(i); ++i) {
       ImageioParam out = {0, format, 0, 0};
       ImageioHandle *c = caps[0] == 'm' ? ImageioCreate(TempPath(std::string(".out.") + format).c_str(), &desc, &out) : nullptr;
       if (c) copies.push_back(c);
@@ -79,6 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ImageioClose(h);
     ExceptionClear();
   }
-  for (const char *suffix : {".in", ".rw", ".out.zv", ".out.mrc", ".out.npy"}) unlink(TempPath(suffix).c_str());
+  unlink(in.c_str()), unlink(rw.c_str());
+  for (uint32_t i = 0; const char *format = ImageioFormatName(i); ++i) unlink(TempPath(std::string(".out.") + format).c_str());
   return 0;
 }

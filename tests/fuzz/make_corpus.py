@@ -3,9 +3,11 @@
 
 usage: make_corpus.py ZVCOMPUTE [CORPUS_DIR]
 
-The image files are made by the built tool from small NumPy arrays (written here byte by byte),
-then varied at the byte level where the tool only writes one form: big-endian MRC and NPY, NPY
-versions 2 and 3, column-major NPY, MRC with an extended header, old-style MRC, MRC modes 3 and 12.
+The image files are made by the built tool from small NumPy arrays (written here byte by byte): for
+every format the tool knows (the list its "unknown file format" error gives), every element type the
+format holds and every axis count. They are then varied at the byte level where the tool only writes
+one form: big-endian MRC and NPY, NPY versions 2 and 3, column-major NPY, MRC with an extended header,
+old-style MRC, MRC modes 3 and 12.
 Only the standard library is used. Existing files of the same name are replaced; regression files
 (crash-*) are left alone.
 """
@@ -41,10 +43,10 @@ def save(target, name, data):
         f.write(data)
 
 
-def made(name, *args):
-    """The file the tool makes from the arguments."""
-    subprocess.run([ZV, os.path.join(TMP, name), "=", *args], check=True, stdout=subprocess.DEVNULL)
-    return read(os.path.join(TMP, name))
+def made(fmt, name, *args):
+    """The file the tool makes in a format from the arguments, or None when it refuses."""
+    r = subprocess.run([ZV, "-fmt", fmt, os.path.join(TMP, name), "=", *args], stderr=subprocess.PIPE, text=True)
+    return read(os.path.join(TMP, name)) if r.returncode == 0 else None
 
 
 def big_endian_mrc(m, esize):
@@ -70,17 +72,21 @@ for shape, n in [((7,), 7), ((3, 4), 12), ((2, 3, 4), 24), ((2, 2, 3, 4), 48), (
     with open(p, "wb") as f:
         f.write(npy("<f4", shape, f32([((i * 37) % 11 - 5) * 0.75 for i in range(n - 1)] + [300.5] * (n > 0))))
 
-# Native and MRC files: every type each holds on one shape, every axis count on real32; then MRC
-# byte-level variants.
-for t in TYPES:
-    save("zv", "%s_2d.img" % t, made(t + ".img", t, src[2]))
-mrc = {t: made(t + ".mrc", t, src[2]) for t in ["int8", "uint8", "int16", "uint16", "real32", "cmplx32"]}
-for t, m in mrc.items():
-    save("mrc", "%s_2d.mrc" % t, m)
-for dim in (1, 3, 4):
-    save("zv", "real32_%dd.img" % dim, made("r.img", "real32", src[dim]))
-    save("mrc", "real32_%dd.mrc" % dim, made("r.mrc", "real32", src[dim]))
-save("zv", "empty.img", made("empty.img", "+", src[0]))
+# Every format the tool knows: every element type it holds on one shape, every axis count on real32.
+error = subprocess.run([ZV, "-fmt", "?", "x", "sqrt"], capture_output=True, text=True).stderr
+for fmt in error.split("known formats: ", 1)[1].split(")", 1)[0].split(", "):
+    ext = "img" if fmt == "zv" else fmt
+    for t in TYPES:
+        data = made(fmt, "%s.%s" % (t, ext), t, src[2])
+        if data is not None:
+            save(fmt, "%s_2d.%s" % (t, ext), data)
+    for dim in (1, 3, 4):
+        save(fmt, "real32_%dd.%s" % (dim, ext), made(fmt, "r.%s" % ext, "real32", src[dim]))
+save("zv", "empty.img", made("zv", "empty.img", "+", src[0]))
+
+# MRC and NPY variants at the byte level: byte orders, extended headers, old style, modes 3 and 12;
+# versions, column-major, float16 and unusual shapes.
+mrc = {t: read(os.path.join(OUT, "mrc", "%s_2d.mrc" % t)) for t in ["int16", "real32", "cmplx32"]}
 for t, esize in [("real32", 4), ("int16", 2), ("cmplx32", 4)]:
     save("mrc", "%s_big.mrc" % t, big_endian_mrc(mrc[t], esize))
 m = mrc["real32"]
@@ -90,12 +96,6 @@ save("mrc", "real32_oldstyle.mrc", m[:208] + bytes(8) + m[216:])  # no "MAP " st
 save("mrc", "half_mode12.mrc", word(mrc["int16"], 3, 12))
 save("mrc", "cint16_mode3.mrc", word(word(word(mrc["int16"], 3, 3), 0, 2), 7, 2))  # 4 x 3 int16 as 2 x 3 pairs
 
-# NPY: every type NPY holds, 1 to 4 axes, then versions, byte order, column-major, float16.
-for t in TYPES:
-    if not t.startswith("imag"):
-        save("npy", "%s_2d.npy" % t, made(t + ".npy", t, src[2]))
-for dim in (1, 3, 4):
-    save("npy", "real32_%dd.npy" % dim, read(src[dim]))
 vals = [0.5 * i - 2 for i in range(12)]
 for name, data in {
         "v2.npy": npy("<f4", (3, 4), f32(vals), version=2),

@@ -36,7 +36,9 @@ template <class S> auto Re(S x) { if constexpr (std::is_same_v<S, C>) return x.r
 template <class S> auto Im(S x) { if constexpr (std::is_same_v<S, C>) return x.imag(); else return x.im; }
 
 // One number into type D: saturating, truncating, NaN to the lower limit; signed into wider unsigned
-// wraps; subnormals flushed. A same-type copy keeps every bit.
+// wraps; subnormals flushed (but kept while edge-case inputs are written). A same-type copy keeps
+// every bit.
+bool gKeepSubnormals = false;
 template <class D, class S> D Num(S x) {
   using L = std::numeric_limits<D>;
   long double v = x;
@@ -46,7 +48,7 @@ template <class D, class S> D Num(S x) {
     return x;
   } else if constexpr (std::is_floating_point_v<D>) {
     const D r = static_cast<D>(v);
-    return std::fabs(static_cast<long double>(r)) < L::min() ? std::copysign(D(0), r) : r;
+    return std::fabs(static_cast<long double>(r)) < L::min() && !gKeepSubnormals ? std::copysign(D(0), r) : r;
   } else if constexpr (std::is_integral_v<S>) {
     if (std::is_signed_v<S> && !L::is_signed && sizeof(D) > sizeof(S)) return static_cast<D>(x);
     return static_cast<D>(std::clamp<__int128>(x, L::min(), L::max()));
@@ -449,6 +451,17 @@ const Case kCases[] = {
     {ComputePhfac, 0, R, {NAN}, 0, {}, X, {-1, 0}},
     {ComputeMufac, 0, X, {0, 0}, 0, {}, X, {0, 0}},
     {ComputeMufac, 0, R, {-0.0}, 0, {}, X, {-0.0, 0}},
+    // The C library sees subnormal arguments as the zeros of their sign, and subnormal results come
+    // back as such zeros.
+    {ComputeLn, 0, R, {-0x1p-149}, 0, {}, R, {-INFINITY}},
+    {ComputeSqrt, 0, R, {-0x1p-149}, 0, {}, R, {-0.0}},
+    {ComputeAtan, 0, R, {-0x1p-130}, 0, {}, R, {-0.0}},
+    {ComputeSin, 0, TypeReal64, {1e-40}, 0, {}, R, {0}},
+    {ComputeExp, 0, R, {-100}, 0, {}, R, {0}},
+    {ComputePhase, 0, X, {-0x1p-127, -0x1p-149}, 0, {}, R, {-kPi}},
+    {ComputeAbs, 0, X, {0x1p-127, -0x1p-140}, 0, {}, R, {0}},
+    {ComputePhfac, 0, X, {0x1p-127, 2}, 0, {}, X, {0, 1}},
+    {ComputeMufac, 0, TypeCmplx64, {1e-45, -4}, 0, {}, X, {0, -2}},
     // Comparisons in binary32; an unordered pair counts as equal.
     {ComputeEq, 1, TypeInt32, {16777216}, TypeInt32, {16777217}, U8, {1}},
     {ComputeEq, 1, TypeReal64, {1e300}, TypeReal64, {1e301}, U8, {1}},
@@ -483,14 +496,17 @@ const Case kCases[] = {
 };
 
 TEST(Kernels, EdgeValuesBitForBit) {
-  for (const Case &c : kCases) {
-    const std::string what = std::to_string(&c - kCases);
-    const uint64_t n = c.k == ComputeZeromean || c.k == ComputeRmsNorm ? 1 : 37;
+  for (const Case &c : kCases)
+    for (uint64_t n : {uint64_t{1}, uint64_t{37}}) {  // a value as a block of its own, and repeated
+    if (n > 1 && (c.k == ComputeZeromean || c.k == ComputeRmsNorm)) continue;
+    const std::string what = std::to_string(&c - kCases) + " in a block of " + std::to_string(n);
     Buf a(c.t1, n), b(c.t2 ? c.t2 : U8, c.arr ? n : 1), d(c.dt, n);
+    gKeepSubnormals = true;
     for (Buf *buf : {&a, &b})
       Each(buf->type, [&](auto tag) {
         for (uint64_t i = 0; i < buf->n; ++i) buf->set(i, Ref<decltype(tag)>(buf == &a ? c.a : c.b));
       });
+    gKeepSubnormals = false;
     ASSERT_EQ(c.k(c.arr, a.data(), c.t1, c.t2 ? b.data() : nullptr, c.t2, n, d.data(), c.dt), 0u) << "case " << what;
     for (uint64_t i = 0; i < n; ++i) {
       const C got = Value(d, i);
@@ -498,7 +514,7 @@ TEST(Kernels, EdgeValuesBitForBit) {
           << "case " << what << " element " << i << ": got (" << (double)got.real() << ", " << (double)got.imag() << ")";
     }
     EXPECT_TRUE(d.Guarded()) << "case " << what;
-  }
+    }
 }
 
 // A refused call pushes one error naming the type and, where the refusal comes before the first

@@ -2,6 +2,7 @@
 // reals follow the C syntax (2.5, -1e-3, inf, nan) and round once, directly to the target width.
 #include "platform/core/parse.h"
 
+#include <bit>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -50,11 +51,19 @@ template <class T> uint32_t ParseInteger(const char *text, const char **end, voi
   return 0;
 }
 
+// A parsed value below the smallest normal magnitude is kept as the zero of its sign, as the
+// processor's flush-to-zero mode stores a result that small (the parser rounds on its own, so that
+// mode does not reach it). Decided on the bits: the processor reads a subnormal as zero in compares.
+template <class F, class U> F FlushTiny(F x, U exponent_mask) {
+  const U b = std::bit_cast<U>(x);
+  return (b & exponent_mask) == 0 ? std::bit_cast<F>(b & ~(~U(0) >> 1)) : x;
+}
+
 // Real numbers: leading white space is not part of a number.
 bool ReadReal32(const char *text, const char **end, float *v) {
   if (!text || !*text || std::isspace(static_cast<unsigned char>(*text))) return false;
   char *e;
-  *v = std::strtof(text, &e);
+  *v = FlushTiny(std::strtof(text, &e), uint32_t{0x7f800000});
   if (e == text) return false;
   *end = e;
   return true;
@@ -83,7 +92,7 @@ uint32_t StringParseReal64(const char *text, const char **end, void *value, uint
   *end = text;
   if (!text || !*text || std::isspace(static_cast<unsigned char>(*text))) return E_PARSE_NOVALUE;
   char *e;
-  double v = std::strtod(text, &e);
+  const double v = FlushTiny(std::strtod(text, &e), uint64_t{0x7ff0000000000000});
   if (e == text) return E_PARSE_NOVALUE;
   *end = e;
   std::memcpy(value, &v, sizeof v);

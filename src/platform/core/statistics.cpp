@@ -1,45 +1,30 @@
 // Block statistics on binary32 data.
 //
-// Sums are accumulated in binary64 over eight independent lanes. A binary32 value, and the square of
-// one, are exact in binary64, and 2^24 of them sum with little rounding: the sum of 2^24 equal values
-// is exact, so the mean of such a block is that value itself. The lanes also break the dependency
-// chain of a single accumulator, which lets the additions overlap.
+// Sums are accumulated in binary64 over eight independent lanes (platform/core/lanes.h). A binary32
+// value, and the square of one, are exact in binary64, and 2^24 of them sum with little rounding: the
+// sum of 2^24 equal values is exact, so the mean of such a block is that value itself.
 #include "platform/core/statistics.h"
 
 #include <cstddef>
 
+#include "platform/core/lanes.h"
+
 namespace {
-
-constexpr size_t kLanes = 8;
-
-// Adds the lanes pairwise, in a fixed order.
-double FoldLanes(const double (&lane)[kLanes]) {
-  return ((lane[0] + lane[1]) + (lane[2] + lane[3])) + ((lane[4] + lane[5]) + (lane[6] + lane[7]));
-}
 
 // Sum of n values taken at the given stride (1 for real data, 2 for one part of complex data).
 template <size_t Stride> double SumValues(uint64_t n, const float *p) {
-  double lane[kLanes] = {};
-  uint64_t i = 0;
-  for (; i + kLanes <= n; i += kLanes)
-    for (size_t j = 0; j < kLanes; ++j) lane[j] += static_cast<double>(p[(i + j) * Stride]);
-  for (size_t j = 0; i < n; ++i, ++j) lane[j] += static_cast<double>(p[i * Stride]);
+  double lane[kSumLanes] = {};
+  SumLanes(n, [&](size_t j, uint64_t i) { lane[j] += static_cast<double>(p[i * Stride]); });
   return FoldLanes(lane);
 }
 
 // Sum of the squares of m consecutive values (a complex block is 2n consecutive parts).
 double SumSquares(uint64_t m, const float *p) {
-  double lane[kLanes] = {};
-  uint64_t i = 0;
-  for (; i + kLanes <= m; i += kLanes)
-    for (size_t j = 0; j < kLanes; ++j) {
-      double x = static_cast<double>(p[i + j]);
-      lane[j] += x * x;
-    }
-  for (size_t j = 0; i < m; ++i, ++j) {
+  double lane[kSumLanes] = {};
+  SumLanes(m, [&](size_t j, uint64_t i) {
     double x = static_cast<double>(p[i]);
     lane[j] += x * x;
-  }
+  });
   return FoldLanes(lane);
 }
 

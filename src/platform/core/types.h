@@ -21,6 +21,19 @@ inline constexpr uint32_t TypeCmplx64 = 0xd02010;
 
 inline constexpr uint32_t TypeSize(uint32_t type) { return type & 0xff; }
 
+// One of the fourteen element types.
+inline constexpr bool TypeKnown(uint32_t type) {
+  switch (type) {
+    case TypeUint8: case TypeUint16: case TypeUint32: case TypeUint64:
+    case TypeInt8: case TypeInt16: case TypeInt32: case TypeInt64:
+    case TypeReal32: case TypeReal64: case TypeImag32: case TypeImag64:
+    case TypeCmplx32: case TypeCmplx64:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // 20 names and a null end; TypeCodeTab holds the code of each name at the same index.
 extern const char *const TypeIdentTab[21];
 extern const uint32_t TypeCodeTab[20];

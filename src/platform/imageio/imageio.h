@@ -18,6 +18,11 @@ inline constexpr uint32_t E_IMAGEIO_CREATE = 0x21000a;   // cannot create file
 inline constexpr uint32_t E_IMAGEIO_RANGE = 0x21000b;    // block outside the image
 inline constexpr uint32_t E_IMAGEIO_END = 0x210010;
 
+// How an image is open (ImageioMeta::state2).
+inline constexpr uint32_t ImageioModeRead = 1;       // an existing file, for reading
+inline constexpr uint32_t ImageioModeReadWrite = 2;  // an existing file, rewritten in place
+inline constexpr uint32_t ImageioModeCreate = 3;     // a new file, put in place when it is closed
+
 // Parameter flag: create the image marked for deletion.
 inline constexpr uint32_t ImageioFlagDel = 2;
 // Metadata state flag: the image is marked for deletion.
@@ -54,14 +59,14 @@ struct ImageDesc {
 
 struct ImageioMeta {
   uint32_t state;   // ImageioStateDel when marked for deletion
-  uint32_t state2;  // open mode: 1 read, 2 read-write, 3 created
-  const char *path;
+  uint32_t state2;  // open mode: ImageioModeRead, ImageioModeReadWrite or ImageioModeCreate
   const char *format;
 };
 
 struct ImageioHandle;
 
 uint32_t ImageioFormatCheck(const char *name);   // 0 or an error code (not pushed)
+const char *ImageioFormatName(uint32_t index);   // the known formats by index from 0; null past the last
 uint32_t ImageioCapCheck(const char *text);      // capability value, 0 when the text is invalid
 
 // Open / create. Null on failure, with the error pushed (path and reason attached).

@@ -5,19 +5,28 @@
 #include <string>
 
 #include "platform/core/types.h"
-#include "platform/imageio/imageio_internal.h"
+#include "platform/imageio/format.h"
 
 namespace {
 
 enum : size_t {
-  kNx = 0, kNy = 4, kNz = 8, kMode = 12, kStart = 16, kMx = 28, kMy = 32, kMz = 36, kCella = 40, kCellb = 52,
-  kMapc = 64, kDmin = 76, kDmax = 80, kDmean = 84, kIspg = 88, kNsymbt = 92, kExttyp = 104, kNversion = 108,
+  kNx = 0, kNy = 4, kNz = 8, kMode = 12, kMx = 28, kMy = 32, kMz = 36, kCella = 40, kCellb = 52,
+  kMapc = 64, kDmin = 76, kDmax = 80, kDmean = 84, kIspg = 88, kNsymbt = 92, kNversion = 108,
   kImodStamp = 152, kImodFlags = 156, kOrigin = 196, kMap = 208, kMachst = 212, kRms = 216, kNlabl = 220,
   kLabels = 224,
 };
 constexpr int32_t kImodStampValue = 1146047817;
 constexpr int32_t kImodSigned = 1;  // imodFlags: mode 0 bytes are signed
 constexpr size_t kLabelCount = 10, kLabelBytes = 80;
+
+const char *const kExtensions[] = {".mrc", ".mrcs", ".map", ".rec", ".st", ".ali", ".ccp4", nullptr};
+
+// A handle's copy of the header, kept for rewriting it at the close.
+struct MrcState {
+  unsigned char header[1024];
+};
+
+unsigned char *Header(ImageioHandle *h) { return static_cast<MrcState *>(h->format_state)->header; }
 
 int32_t I32(const unsigned char *hd, size_t off, bool big) { return static_cast<int32_t>(ImageioGet32(hd + off, big)); }
 
@@ -63,7 +72,7 @@ bool Probe(const unsigned char *head, uint64_t n, uint64_t size) {
 }
 
 uint32_t Open(ImageioHandle *h) {
-  unsigned char *hd = h->header;
+  unsigned char *hd = Header(h);
   if (h->size < 1024)
     return ImageioFail(h, E_IMAGEIO_HEADER, " (file too short for an MRC header: ", std::to_string(h->size).c_str(),
                        " bytes)");
@@ -77,7 +86,6 @@ uint32_t Open(ImageioHandle *h) {
       return ImageioFail(h, E_IMAGEIO_HEADER, (std::string(" (negative axis length ") + kAxis[i] + " = ").c_str(),
                          std::to_string(n[i]).c_str(), ")");
   int32_t mode = I32(hd, kMode, big);
-  h->mrc_mode = mode;
   int32_t nsymbt = I32(hd, kNsymbt, big);
   if (nsymbt < 0)
     return ImageioFail(h, E_IMAGEIO_HEADER, " (negative extended header size ", std::to_string(nsymbt).c_str(), ")");
@@ -175,7 +183,7 @@ void Layout(const ImageioHandle *h, uint64_t n[3], uint64_t *mz, int32_t *ispg) 
 
 uint32_t Check(ImageioHandle *h) {
   if (ModeOf(h->type) < 0)
-    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC files cannot hold ", ImageioTypeName(h->type),
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC files cannot hold ", TypeIdent(h->type),
                        " data; write a .npy file or the native format instead)");
   uint64_t n[3], mz;
   int32_t ispg;
@@ -205,7 +213,7 @@ void PutStats(unsigned char *hd, float dmin, float dmax, float dmean, float rms,
 void PutNoStats(unsigned char *hd, bool big) { PutStats(hd, 0.0f, -1.0f, -2.0f, -1.0f, big); }
 
 uint32_t Create(ImageioHandle *h) {
-  unsigned char *hd = h->header;
+  unsigned char *hd = Header(h);
   std::memset(hd, 0, 1024);
   h->data_offset = 1024;
   h->big_endian = false;
@@ -214,7 +222,6 @@ uint32_t Create(ImageioHandle *h) {
   int32_t ispg;
   Layout(h, n, &mz, &ispg);
   int32_t mode = ModeOf(h->type);
-  h->mrc_mode = mode;
   for (int i = 0; i < 3; ++i) ImageioPut32(hd + kNx + 4 * i, static_cast<uint32_t>(n[i]), false);
   ImageioPut32(hd + kMode, static_cast<uint32_t>(mode), false);
   uint64_t m[3] = {n[0], n[1], mz};
@@ -243,7 +250,7 @@ uint32_t Create(ImageioHandle *h) {
 }
 
 uint32_t WriteHeader(ImageioHandle *h, bool final) {
-  unsigned char *hd = h->header;
+  unsigned char *hd = Header(h);
   bool big = h->big_endian;
   if (final) {
     ImageioStats s;
@@ -278,4 +285,17 @@ uint32_t WriteHeader(ImageioHandle *h, bool final) {
 
 }  // namespace
 
-const ImageioFormatOps ImageioMrcOps = {"mrc", Probe, Open, Check, Create, WriteHeader, true, true, true};
+extern const ImageioFormat ImageioMrcFormat = {
+    .name = "mrc",
+    .extensions = kExtensions,
+    .probe = Probe,
+    .magic = false,  // the "MAP " stamp sits at byte 208, and old-style headers have none
+    .state_bytes = sizeof(MrcState),
+    .open = Open,
+    .check = Check,
+    .create = Create,
+    .write_header = WriteHeader,
+    .keeps_stats = true,
+    .keeps_history = true,
+    .exact_size = true,
+};

@@ -6,7 +6,7 @@
 
 #include "platform/core/array.h"
 #include "platform/core/types.h"
-#include "platform/imageio/imageio_internal.h"
+#include "platform/imageio/format.h"
 
 namespace {
 
@@ -33,17 +33,8 @@ enum : size_t {
   kOffHistory = 256,
 };
 
-bool KnownType(uint32_t t) {
-  switch (t) {
-    case TypeUint8: case TypeUint16: case TypeUint32: case TypeUint64:
-    case TypeInt8: case TypeInt16: case TypeInt32: case TypeInt64:
-    case TypeReal32: case TypeReal64: case TypeImag32: case TypeImag64:
-    case TypeCmplx32: case TypeCmplx64:
-      return true;
-    default:
-      return false;
-  }
-}
+// New files of any name no other format claims are native files.
+const char *const kExtensions[] = {nullptr};
 
 bool Probe(const unsigned char *head, uint64_t n, uint64_t) {
   return n >= sizeof kMagic && std::memcmp(head, kMagic, sizeof kMagic) == 0;
@@ -60,7 +51,7 @@ uint32_t Open(ImageioHandle *h) {
   if (version != kVersion)
     return ImageioFail(h, E_IMAGEIO_HEADER, " (unsupported zv version ", std::to_string(version).c_str(), ")");
   h->type = ImageioGet32(hd + kOffType, false);
-  if (!KnownType(h->type))
+  if (!TypeKnown(h->type))
     return ImageioFail(h, E_IMAGEIO_HEADER, " (unknown element type code ", std::to_string(h->type).c_str(), ")");
   h->attr = ImageioGet32(hd + kOffAttr, false);
   h->dim = ImageioGet32(hd + kOffDim, false);
@@ -140,4 +131,17 @@ uint32_t WriteHeader(ImageioHandle *h, bool) {
 
 }  // namespace
 
-const ImageioFormatOps ImageioNativeOps = {"zv", Probe, Open, Check, Create, WriteHeader, false, true, true};
+extern const ImageioFormat ImageioZvFormat = {
+    .name = "zv",
+    .extensions = kExtensions,
+    .probe = Probe,
+    .magic = true,
+    .state_bytes = 0,
+    .open = Open,
+    .check = Check,
+    .create = Create,
+    .write_header = WriteHeader,
+    .keeps_stats = false,
+    .keeps_history = true,
+    .exact_size = true,
+};

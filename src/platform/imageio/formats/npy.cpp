@@ -6,12 +6,13 @@
 #include <vector>
 
 #include "platform/core/types.h"
-#include "platform/imageio/imageio_internal.h"
+#include "platform/imageio/format.h"
 
 namespace {
 
 const unsigned char kMagic[6] = {0x93, 'N', 'U', 'M', 'P', 'Y'};
 constexpr uint64_t kMaxHeader = 1u << 20;
+const char *const kExtensions[] = {".npy", nullptr};
 
 bool Probe(const unsigned char *head, uint64_t n, uint64_t) {
   return n >= sizeof kMagic && std::memcmp(head, kMagic, sizeof kMagic) == 0;
@@ -189,7 +190,7 @@ uint32_t Open(ImageioHandle *h) {
 
 uint32_t Check(ImageioHandle *h) {
   if (h->type == TypeImag32 || h->type == TypeImag64)
-    return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY files cannot hold ", ImageioTypeName(h->type),
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY files cannot hold ", TypeIdent(h->type),
                        " data; use the native format: -fmt zv, or a file name without .npy)");
   return 0;
 }
@@ -256,4 +257,17 @@ uint32_t WriteHeader(ImageioHandle *h, bool final) {
 
 }  // namespace
 
-const ImageioFormatOps ImageioNpyOps = {"npy", Probe, Open, Check, Create, WriteHeader, false, false, false};
+extern const ImageioFormat ImageioNpyFormat = {
+    .name = "npy",
+    .extensions = kExtensions,
+    .probe = Probe,
+    .magic = true,
+    .state_bytes = 0,
+    .open = Open,
+    .check = Check,
+    .create = Create,
+    .write_header = WriteHeader,
+    .keeps_stats = false,
+    .keeps_history = false,
+    .exact_size = false,
+};
