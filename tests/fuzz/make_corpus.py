@@ -50,15 +50,9 @@ def made(fmt, name, *args):
 
 
 def big_endian_mrc(m, esize):
-    """A little-endian MRC file turned big-endian: header words, stamp and data."""
-    head = bytearray(m[:1024])
-    for i in list(range(52)) + [54, 55]:
-        head[4 * i:4 * i + 4] = head[4 * i:4 * i + 4][::-1]
-    head[212:216] = b"\x11\x11\x00\x00"
-    data = m[1024:]
-    if esize > 1:
-        data = b"".join(data[i:i + esize][::-1] for i in range(0, len(data), esize))
-    return bytes(head) + data
+    """A little-endian MRC file turned big-endian: header words (52 to 55 but the stamp), stamp and data."""
+    swapped = lambda b, size: b"".join(b[i:i + size][::-1] for i in range(0, len(b), size))
+    return swapped(m[:208], 4) + m[208:212] + b"\x11\x11\x00\x00" + swapped(m[216:224], 4) + m[224:1024] + swapped(m[1024:], esize)
 
 
 def word(m, i, value):

@@ -169,7 +169,8 @@ TEST(Options, ValueTypesCountsAndRanges) {
            // Numbers round once: 16777217 is a tie that goes to even; just above the tie 1 + 2^-24 rounds
            // up (through binary64 it would round to the tie and then to 1).
            {{"[ v 3 Real ]"}, {"-v", "16777217", "1.000000059604644775390625000001", "-1e-3"}, 0, {}, {}, {"16777216,1.00000012,-0.00100000005"}},
-           {{"[ v Coord ]"}, {"-v", "0.1"}, 0, {}, {}, {"0.10000000000000001"}},
+           {{"[ v 2 Coord ]"}, {"-v", "0.1", "1e-310"}, 0, {}, {}, {"0.10000000000000001,0"}},  // below the normal range: zero
+           {{"[ v Real ]"}, {"-v", "-1e-40"}, 0, {}, {}, {"-0"}},
            {{"[ v 4 Complex ]"}, {"-v", "(1,2)", "3i", "1e+2-1e-1i", "-2.5"}, 0, {}, {}, {"1+2i,0+3i,100-0.100000001i,-2.5+0i"}},
            {{"[ v Complex ]"}, {"-v", "1+2"}, VAL, {kBadV}, {"1+2"}, {"-"}},
            {{"[ v Complex ]"}, {"-v", "(1,2"}, NUM, {"invalid number of option values -v"}, {"(1,2"}, {"-"}},

@@ -1,6 +1,5 @@
-// Files that change under the library: truncated while open (an error before the block, or a clean
-// exit from the fault guard while a mapped block is in use); data at offsets that do not suit the
-// element type.
+// Files that change under the library: truncated while a mapped block is in use (a clean exit from
+// the fault guard); data at offsets that do not suit the element type.
 #include <signal.h>
 #include <unistd.h>
 
@@ -20,26 +19,6 @@ RunResult InChild(const std::function<void()> &f) {
   o.body = f;
   Child c = Start({}, o);
   return Finish(c);
-}
-
-// A file that shrank is refused before its block is handed out (the tool's runs see this too); a
-// rewritten one then reports the missing data at the close, where its statistics are recomputed,
-// and they stay marked undetermined.
-TEST_F(ImageioTest, ShrunkFileIsRefusedBeforeItsBlockIsHandedOut) {
-  const std::string path = dir / "s.mrc";
-  for (const char *caps : {"mmap", "read"}) {
-    ASSERT_TRUE(WriteImage(path, TypeReal32, {1000}, Ramp(1000)));
-    ImageioParam p = Caps(caps);
-    ImageDesc d{};
-    ImageioHandle *h = ImageioOpenReadWrite(path.c_str(), &d, &p);
-    ASSERT_EQ(ReadBlock(h, TypeReal32, 0, 10).size(), 40u);
-    ASSERT_EQ(truncate(path.c_str(), 1024 + 400), 0);
-    EXPECT_EQ(ImageioBeginRead(h, 0, 200), nullptr) << caps;
-    ExpectError(E_IMAGEIO_READ, "shrank while in use: 5024 bytes needed, 1424 found): " + path);
-    EXPECT_EQ(ImageioClose(h), E_IMAGEIO_READ) << caps;
-    EXPECT_EQ(Get<float>(ReadFileBytes(path), 80), -1.0f);
-    ExceptionClear();
-  }
 }
 
 TEST_F(ImageioTest, FaultOnATruncatedMappingEndsTheProcessCleanly) {

@@ -1,7 +1,7 @@
 // The formats behind the library's one interface: every element type and shape written and read
-// back in each format that holds it (and refused, before anything is created, where it cannot), then
-// what each format keeps besides the data: MRC statistics, axes, geometry, labels, byte orders and
-// converted modes; NPY versions, byte orders, kinds and column-major arrays; the native header.
+// back in each format that holds it (and refused, before anything is created, where it cannot); then
+// what numpy and mrcfile do not write (MRC stamps, converted modes and old-style files, NPY headers of
+// other writers) and the native format's header and history.
 #include <algorithm>
 #include <cmath>
 #include <numeric>
