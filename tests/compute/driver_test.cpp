@@ -187,7 +187,7 @@ TEST_F(Driver, OptionErrorsPrintTheOptionUsage) {
   r = RunTool({"-seed", "12x", P("a.img"), "+"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("illegal option value -seed"), std::string::npos) << r.err;
-  r = RunTool({"-fmt", "tiff", P("o.img"), "=", "+", P("a.img")});
+  r = RunTool({"-fmt", "tif", P("o.img"), "=", "+", P("a.img")});
   EXPECT_EQ(r.status, 1);
   EXPECT_FALSE(FileExists(P("o.img")));
 }

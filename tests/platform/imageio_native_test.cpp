@@ -158,11 +158,19 @@ TEST_F(ImageioTest, CreateRefusals) {
                {"a.zv", {}, TypeReal32, E_IMAGEIO_DIM, ""},
                {"a.zv", {1ull << 32, 1ull << 32}, TypeReal32, E_IMAGEIO_SIZE, ""},
                {"a.zv", {1}, 0x501002, E_IMAGEIO_TYPE, ""},
-               {"a.tiff", {1}, TypeReal32, E_IMAGEIO_FORMAT, ""}};
+               {"a.tiff", {1}, TypeReal32, E_IMAGEIO_FORMAT, ""},
+               {"a.png", {1}, TypeReal32, E_IMAGEIO_FORMAT, ".png files are not written"},
+               {"a.H5", {1}, TypeReal32, E_IMAGEIO_FORMAT, "zv, mrc, npy, tiff); .H5"},
+               {"a.mrc", {1}, TypeInt16, E_IMAGEIO_CAP, "mrc files are not written compressed"},
+               {"a.tif", {2, 0}, TypeReal32, E_IMAGEIO_SIZE, "empty"},
+               {"a.tif", {1ull << 32}, TypeReal32, E_IMAGEIO_SIZE, "4294967295"},
+               {"a.tif", {1, 1, 1ull << 20, 2}, TypeUint8, E_IMAGEIO_SIZE, "2097152 TIFF pages"},
+               {"a.tif", {1}, TypeImag32, E_IMAGEIO_TYPE, "native"}};
   for (Case &c : cases) {
     ImageDesc desc{c.dims.size(), c.dims.data(), 0, c.type, 0};
     ImageioParam p = ImageioParamDefault;
-    p.format = c.code == E_IMAGEIO_FORMAT ? "tiff" : nullptr;
+    p.format = c.name[2] == 't' && c.code == E_IMAGEIO_FORMAT ? "tif" : nullptr;
+    p.caps = c.code == E_IMAGEIO_CAP ? ImageioCapCheck("zstd") : 0;
     EXPECT_EQ(ImageioCreate((dir / c.name).c_str(), &desc, &p), nullptr) << c.name;
     ExpectError(c.code, c.part);
   }
@@ -212,16 +220,17 @@ TEST_F(ImageioTest, CapabilityAndFormatNames) {
   EXPECT_NE(ImageioCapCheck("mmap"), ImageioCapCheck("read"));
   EXPECT_NE(ImageioCapCheck("mmap,sync"), ImageioCapCheck("mmap"));
   EXPECT_EQ(ImageioCapCheck("read,sync"), ImageioCapCheck("sync,read"));
-  for (const char *ok : {"mmap", "read", "sync"}) EXPECT_NE(ImageioCapCheck(ok), 0u) << ok;
-  for (const char *bad : {"", "fast", "mmap,read", "mmap,", ",sync", "MMAP", "mmap sync"}) EXPECT_EQ(ImageioCapCheck(bad), 0u) << bad;
+  for (const char *ok : {"mmap", "read", "sync", "deflate", "lzw,sync", "zstd"}) EXPECT_NE(ImageioCapCheck(ok), 0u) << ok;
+  for (const char *bad : {"", "fast", "mmap,read", "mmap,", ",sync", "MMAP", "mmap sync", "lzw,zstd"}) EXPECT_EQ(ImageioCapCheck(bad), 0u) << bad;
   EXPECT_EQ(ImageioCapCheck(nullptr), 0u);
-  for (const char *ok : {"zv", "mrc", "npy"}) EXPECT_EQ(ImageioFormatCheck(ok), 0u) << ok;
-  for (const char *bad : {"MRC", "tiff", "", "zv ", static_cast<const char *>(nullptr)})
+  for (const char *ok : {"zv", "mrc", "npy", "tiff"}) EXPECT_EQ(ImageioFormatCheck(ok), 0u) << ok;
+  for (const char *bad : {"MRC", "tif", "", "zv ", static_cast<const char *>(nullptr)})
     EXPECT_EQ(ImageioFormatCheck(bad), E_IMAGEIO_FORMAT) << (bad ? bad : "null");
   // Writing picks the format from the name unless forced ("l" and "m"); reading goes by the content.
   std::pair<const char *, const char *> cases[] = {
       {"a.MRC", "mrc"}, {"b.mrcs", "mrc"}, {"c.map", "mrc"}, {"d.rec", "mrc"}, {"e.st", "mrc"}, {"f.ali", "mrc"},
-      {"g.ccp4", "mrc"}, {"h.npy", "npy"}, {"i.Npy", "npy"}, {"j.img", "zv"}, {"k", "zv"}, {"l.npy", "zv"}, {"m.zv", "mrc"}};
+      {"g.ccp4", "mrc"}, {"h.npy", "npy"}, {"i.Npy", "npy"}, {"j.img", "zv"}, {"k", "zv"}, {"l.npy", "zv"}, {"m.zv", "mrc"},
+      {"n.tif", "tiff"}, {"o.TIFF", "tiff"}};
   for (auto [name, expect] : cases) {
     WriteImage(dir / name, TypeInt16, {2}, std::vector<int16_t>{1, 2}, 0, name[0] == 'l' ? "zv" : name[0] == 'm' ? "mrc" : nullptr);
     ImageDesc d{};
@@ -233,7 +242,8 @@ TEST_F(ImageioTest, CapabilityAndFormatNames) {
   }
   ExpectOpenFails(dir / "j.img", E_IMAGEIO_HEADER, "MRC", "mrc");
   ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_HEADER, "not an NPY file", "npy");
-  ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_FORMAT, "('tiff')", "tiff");
+  ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_FORMAT, "('tif')", "tif");
+  ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_HEADER, "bad magic", "tiff");
 }
 
 TEST_F(ImageioTest, HostileNativeFiles) {

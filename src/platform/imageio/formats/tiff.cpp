@@ -339,7 +339,9 @@ uint32_t Open(ImageioHandle *h) {
       ReadGeometry(h);
     }
     if (TIFFLastDirectory(s->tif)) break;
-    if (!TIFFReadDirectory(s->tif)) return Fail(h, E_IMAGEIO_HEADER, "page " + Num(p + 2));
+    // libtiff stops silently where the chain of directories loops back.
+    if (!TIFFReadDirectory(s->tif))
+      return Fail(h, E_IMAGEIO_HEADER, "page " + Num(p + 2) + (s->message[0] ? "" : ": the chain of page directories loops back"));
   }
   s->have_page = false;
   h->dim = s->pages > 1 ? 3 : 2;
