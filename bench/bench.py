@@ -15,7 +15,8 @@ command line (its own .v files).
 --markdown F  also write the tables as Markdown to F; --json F: every measurement as JSON
 
 Operations: a + b, a * 2.5, sqrt a, exp a, real32 of an int16 image, a gt 0.5, -mean, +nran 1, on
-native (.img), MRC (.mrc) and NPY (.npy) files. Tools per case:
+native (.img), MRC (.mrc), NPY (.npy) and uncompressed TIFF (.tif: one page, one strip) files. Tools
+per case:
   zvcompute, C reference, floor   every case
   numpy                           .npy cases (np.load / np.save, whole arrays in memory)
   mrcfile                         .mrc cases (mrcfile.read / mrcfile.write, NumPy arithmetic)
@@ -113,8 +114,8 @@ OPS = {
     "nran": dict(label="+nran 1", ins=("a",), zv=lambda o, i: [o, "=", i[0], "+nran", "1"],
                  ref=["nran", "1"], out="f4", peer="noise"),
 }
-FORMATS = {"zv": ".img", "mrc": ".mrc", "npy": ".npy"}
-FORMAT_LABEL = {"zv": "native", "mrc": "MRC", "npy": "NPY"}
+FORMATS = {"zv": ".img", "mrc": ".mrc", "npy": ".npy", "tiff": ".tif"}
+FORMAT_LABEL = {"zv": "native", "mrc": "MRC", "npy": "NPY", "tiff": "TIFF"}
 
 # The NumPy tools, run as their own process (interpreter start and imports included).
 PEER_SCRIPT = r"""
@@ -191,6 +192,19 @@ def npy_header(nx, ny, descr):
     return b"\x93NUMPY\x01\x00" + struct.pack("<H", len(d)) + d.encode()
 
 
+def tiff_header(nx, ny, f32):
+    """A classic TIFF directory first, then one uncompressed strip from offset 4096 to the end of the
+    file (the C reference takes its element count from the file size)."""
+    bits, fmt = (32, 3) if f32 else (16, 2)
+    tags = [(256, 4, nx), (257, 4, ny), (258, 3, bits), (259, 3, 1), (262, 3, 1), (273, 4, 4096), (277, 3, 1),
+            (278, 4, ny), (279, 4, nx * ny * bits // 8), (339, 3, fmt)]
+    h = bytearray(4096)
+    h[0:10] = b"II*\x00" + struct.pack("<IH", 8, len(tags))
+    for i, (tag, kind, value) in enumerate(tags):
+        struct.pack_into("<HHI" + ("I" if kind == 4 else "H2x"), h, 10 + 12 * i, tag, kind, 1, value)
+    return bytes(h)
+
+
 def data_offset(path):
     """Where the elements start in a file written by any of the tools."""
     with open(path, "rb") as f:
@@ -205,6 +219,18 @@ def data_offset(path):
         return 1024 + struct.unpack_from("<i", head, 92)[0]
     if head[:4] in (b"\x08\xf2\xa6\xb6", b"\xb6\xa6\xf2\x08"):
         return 64
+    if head[:4] == b"II*\x00":
+        # Uncompressed single-page classic TIFF with its strips in order: the first strip's offset.
+        with open(path, "rb") as f:
+            f.seek(struct.unpack_from("<I", head, 4)[0])
+            count = struct.unpack("<H", f.read(2))[0]
+            for tag, kind, n, value in struct.iter_unpack("<HHII", f.read(12 * count)):
+                if tag == 273:
+                    size, code = (4, "<I") if kind == 4 else (2, "<H")
+                    if n * size <= 4:
+                        return struct.unpack_from(code, struct.pack("<I", value))[0]
+                    f.seek(value)
+                    return struct.unpack(code, f.read(size))[0]
     raise RuntimeError(f"unknown output format: {path}")
 
 
@@ -244,6 +270,7 @@ class Inputs:
                     continue
                 p = os.path.join(self.dir, name + FORMATS[fmt])
                 hdr = (mrc_header(self.nx, self.ny, 2 if f32 else 1) if fmt == "mrc"
+                       else tiff_header(self.nx, self.ny, f32) if fmt == "tiff"
                        else npy_header(self.nx, self.ny, "<f4" if f32 else "<i2"))
                 with open(p, "wb") as f:
                     f.write(hdr)
@@ -438,7 +465,7 @@ def run_size(ctx, n_log2, runs, results, failures):
         raise SystemExit(f"bench: 2^{n_log2} needs about {need / 2**30:.1f} GiB in {ctx.tmp}, "
                          f"{free / 2**30:.1f} GiB free")
     print(f"\n== 2^{n_log2} elements ({n * 4 / MIB:.0f} MiB per real32 file): generating inputs", flush=True)
-    inp = Inputs(ctx, n_log2, vips=True)
+    inp = Inputs(ctx, n_log2, formats=("zv", "mrc", "npy") + (("tiff",) if "tiff" in ctx.formats else ()), vips=True)
     outdir = os.path.join(ctx.tmp, "out")
     os.makedirs(outdir, exist_ok=True)
     try:
@@ -657,7 +684,7 @@ def main():
     ap.add_argument("--zvcompute", help="zvcompute binary (default: build it into build-bench)")
     ap.add_argument("--dir", default="/tmp", help="parent of the temporary directory (default /tmp)")
     ap.add_argument("--ops", default=",".join(OPS), help="comma-separated subset of " + ",".join(OPS))
-    ap.add_argument("--formats", default="zv,mrc,npy", help="comma-separated subset of zv,mrc,npy")
+    ap.add_argument("--formats", default="zv,mrc,npy,tiff", help="comma-separated subset of zv,mrc,npy,tiff")
     ap.add_argument("--no-memcheck", action="store_true", help="skip the flat-memory check")
     ap.add_argument("--no-vips", action="store_true", help="leave vips out even when installed")
     ap.add_argument("--markdown", help="also write the tables as Markdown to this file")

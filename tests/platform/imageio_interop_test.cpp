@@ -235,12 +235,19 @@ for n in names:
 print('mismatch:', *bad); sys.exit(1 if bad else 0)
 )PY", &out), 0) << out;
   // The tool on TIFF: format by name and by content; compressed files refused in place, untouched.
-  for (auto args : {std::vector<std::string>{"p.tif", "=", "lzw.tif", "-", "m.npy"}, {"t.tif", "*", "2"},
-                    {"-cap", "zstd", "q.tif", "=", "real32", "t.tif"}, {"p.npy", "=", "+", "p.tif"}}) {
+  for (auto args : {std::vector<std::string>{"frames.mrc", "=", "uint16", "m.npy"}, {"-cap", "lzw", "frames.tif", "=", "uint16", "frames.mrc"},
+                    {"dark.tif", "=", "uint16", "lzw.tif"}, {"sum.mrc", "=", "frames.tif", "+", "dark.tif"}, {"t.tif", "*", "2"},
+                    {"-cap", "zstd", "q.tif", "=", "real32", "t.tif"}, {"dm.mrc", "=", "d.tif", "+", "d.tif"}}) {
     RunResult r = RunTool(args, {}, dir.path);
     EXPECT_EQ(r.status, 0) << r.err;
   }
-  EXPECT_EQ(ReadImage(dir / "p.npy").as<float>(), std::vector<float>(4 * 30 * 40, 0.0f));
+  std::vector<float> sum;
+  for (uint16_t v : ReadImage(dir / "m.npy").as<uint16_t>()) sum.push_back(2.0f * v);
+  EXPECT_EQ(ReadImage(dir / "sum.mrc").as<float>(), sum);
+  h = OpenRead(dir / "dm.mrc", &d);  // the pixel size goes on from TIFF to MRC
+  g = h ? reinterpret_cast<const ImageioGeometry *>(d.geom) : nullptr;
+  EXPECT_TRUE(g && std::fabs(g->voxel[0] - 2) < 1e-6 && std::fabs(g->voxel[1] - 2.5) < 1e-6);
+  ImageioClose(h);
   const std::string before = ReadFileBytes(dir / "q.tif");
   RunResult r = RunTool({"q.tif", "+", "1"}, {}, dir.path);
   EXPECT_EQ(r.err, "zvcompute: write error (TIFF compressed data cannot be rewritten in place; write a new file instead): q.tif\n");
