@@ -96,7 +96,7 @@ TEST_F(ImageioTest, HostileTiffFiles) {
   WriteImage(dir / "good.tif", TypeUint16, {6, 4, 2}, Pattern(TypeUint16, 48).data());
   ExpectHostile(dir, ReadFileBytes(dir / "good.tif"), ".tif", {
       {[](std::string &s) { Set(s, 273, 1u << 30); }, E_IMAGEIO_HEADER, "page 1, strip 1 of 48 bytes at offset 1073741824 lies past the end"},
-      {[](std::string &s) { Set(s, 256, 0xffffffffu); }, E_IMAGEIO_TYPE, "more than 256 MiB"},
+      {[](std::string &s) { Set(s, 256, 0xffffffffu); }, E_IMAGEIO_HEADER, "past the end"},
       {[](std::string &s) { Set(s, 257, 0xffffffffu); Set(s, 278, 1); }, E_IMAGEIO_HEADER, ""},
       {[](std::string &s) { size_t i1 = NextIfd(s, NextIfd(s)); Put32(s, i1 + 2 + 12 * Get<uint16_t>(s, i1), NextIfd(s)); }, E_IMAGEIO_HEADER, "page 3: the chain of page directories loops back"},
       {[](std::string &s) { Set(s, 256, 7, NextIfd(s, NextIfd(s))); }, E_IMAGEIO_TYPE, "page 2 is 7 x 4"},
@@ -110,7 +110,9 @@ TEST_F(ImageioTest, HostileTiffFiles) {
   // libtiff mends the byte counts of uncompressed single strips by itself, not of compressed ones.
   WriteWith(dir / "zip.tif", TypeUint16, {6, 4}, Pattern(TypeUint16, 24).data(), Caps("deflate"));
   ExpectHostile(dir, ReadFileBytes(dir / "zip.tif"), ".tif", {
-      {[](std::string &s) { Set(s, 279, 1u << 30); }, E_IMAGEIO_HEADER, "past the end"}});
+      {[](std::string &s) { Set(s, 279, 1u << 30); }, E_IMAGEIO_HEADER, "past the end"},
+      {[](std::string &s) { Set(s, 256, 1u << 24); }, E_IMAGEIO_HEADER, "compressed more than 32768 to 1"},
+      {[](std::string &s) { Set(s, 256, 1u << 26); }, E_IMAGEIO_TYPE, "strip of more than 256 MiB"}});
 }
 
 }  // namespace

@@ -285,12 +285,13 @@ uint32_t CheckPage(ImageioHandle *h, uint64_t p, Totals *sum) {
   }
   s->page = p;
   if (uint32_t st = Layout(h)) return st;
-  // A tile, and a band of decoded rows (a strip, or a row of tiles as high as the page allows).
+  // A tile, and a band of decoded rows (a strip, or a row of tiles as high as the page allows);
+  // uncompressed strips are read straight from the file, in no band.
   const uint64_t es = bits / 8, across = (s->width + s->unit_w - 1) / s->unit_w;
   const unsigned __int128 tile = static_cast<unsigned __int128>(s->unit_w) * s->unit_h * es;
   const unsigned __int128 band = static_cast<unsigned __int128>(across) * s->unit_w * std::min(s->unit_h, s->height) * es;
   const uint64_t unit = static_cast<uint64_t>(tile);
-  if (tile > kMaxBand || band > kMaxBand)
+  if ((tile > kMaxBand || band > kMaxBand) && (s->tiled || !s->plain))
     return Fail(h, E_IMAGEIO_TYPE, page + ": a " + (s->tiled ? "row of tiles" : "strip") + " of more than " + Num(kMaxBand >> 20) + " MiB decoded is not read");
   const uint32_t n = s->tiled ? TIFFNumberOfTiles(t) : TIFFNumberOfStrips(t);
   const char *what = s->tiled ? "tile " : "strip ";
