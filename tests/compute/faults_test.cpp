@@ -208,7 +208,24 @@ TEST_F(Faults, HostileHeadersFailFastInLittleMemory) {
   // Valid files of each format to start from.
   WriteImage(P("good.img"), TypeUint32, {2, 3}, std::vector<uint32_t>{1, 2, 3, 4, 5, 6});
   WriteImage(P("good.mrc"), TypeReal32, {4, 2}, std::vector<float>(8, 1.0f));
+  WriteImage(P("good.tif"), TypeUint16, {6, 4, 2}, std::vector<uint16_t>(48, 7));
+  WriteImage(P("zeros.img"), TypeUint8, {64, 64}, std::vector<uint8_t>(4096));
+  ASSERT_EQ(RunTool({"-cap", "deflate", P("zip.tif"), "=", "uint8", P("zeros.img")}).status, 0);
   const std::string zv = ReadFileBytes(P("good.img")), mrc = ReadFileBytes(P("good.mrc"));
+  const std::string tif = ReadFileBytes(P("good.tif")), ziptif = ReadFileBytes(P("zip.tif"));
+  // A tag of the first TIFF directory set to a LONG value; the next-directory link of the second.
+  auto get = [](const std::string &s, size_t off, size_t n) { uint32_t v = 0; std::memcpy(&v, &s[off], n); return v; };
+  auto tag = [&](std::string s, uint32_t t, uint32_t v) {
+    uint32_t ifd = get(s, 4, 4);
+    for (uint32_t i = 0; i < get(s, ifd, 2); ++i)
+      if (get(s, ifd + 2 + 12 * i, 2) == t) s[ifd + 4 + 12 * i] = 4, std::memcpy(&s[ifd + 10 + 12 * i], &v, 4);
+    return s;
+  };
+  auto loop = [&](std::string s) {
+    uint32_t first = get(s, 4, 4), second = get(s, first + 2 + 12 * get(s, first, 2), 4);
+    std::memcpy(&s[second + 2 + 12 * get(s, second, 2)], &first, 4);
+    return s;
+  };
   auto put32 = [](std::string s, size_t off, uint32_t v) { std::memcpy(&s[off], &v, 4); return s; };
   auto put64 = [](std::string s, size_t off, uint64_t v) { std::memcpy(&s[off], &v, 8); return s; };
   auto npy = [](const std::string &dict, const std::string &data, int major = 1, uint64_t hlen = 0) {
@@ -241,6 +258,10 @@ TEST_F(Faults, HostileHeadersFailFastInLittleMemory) {
       {"npy_header_length_huge.npy", npy("{", "", 2, 0xffffffffu)},
       {"npy_100000_axes.npy", npy("{'descr': '<f4', 'fortran_order': False, 'shape': " + many + ", }", "")},
       {"npy_no_data.npy", npy("{'descr': '<f4', 'fortran_order': False, 'shape': (3, 4), }", "")},
+      {"tiff_strip_past_end.tif", tag(tif, 273, 0xfffffff0u)},
+      {"tiff_directory_loop.tif", loop(tif)},
+      {"tiff_huge_pages.tif", tag(tag(ziptif, 256, 0xffffffffu), 257, 0xffffffffu)},
+      {"tiff_ratio.tif", tag(tag(ziptif, 256, 1u << 20), 278, 64)},
   };
   for (const auto &[name, bytes] : files) {
     const std::string in = P(name);
