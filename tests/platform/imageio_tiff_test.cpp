@@ -43,7 +43,8 @@ TEST_F(ImageioTest, TiffRoundTripEveryTypeShapeAndCompression) {
         EXPECT_TRUE(d.type == type && Dims(d.len, d.len + d.dim) == want) << caps << " " << TypeIdent(type) << " " << dims.size();
         EXPECT_EQ(ReadBlock(h, type, 0, Count(dims)), data) << caps << " " << TypeIdent(type);
         auto *r = reinterpret_cast<const ImageioGeometry *>(d.geom);
-        EXPECT_TRUE(r && std::fabs(r->voxel[0] - 1.5) < 1e-6 && std::fabs(r->voxel[1] - 2.25) < 1e-6 && r->voxel[2] == 0);
+        EXPECT_TRUE(r && std::fabs(r->voxel[0] - 1.5) < 1e-6 && std::fabs(r->voxel[1] - 2.25) < 1e-6 && r->voxel[2] == 0 &&
+                    r->origin[0] == 0 && r->spacegroup == 1);
         ImageioClose(h);
       }
     }
