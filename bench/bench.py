@@ -16,8 +16,8 @@ command line (its own .v files).
 
 Operations: a + b, a * 2.5, sqrt a, exp a, ln a, sin a, real32 of an int16 image, a gt 0.5, -mean,
 +nran 1, phase d, abs d (d: a cmplx32 image of 2^(S-2) elements, 512 MiB at S = 28), on native
-(.img), MRC (.mrc) and NPY (.npy) files; with --ops also cos tan asin acos atan of a and +uran 1.
-Tools per case:
+(.img), MRC (.mrc), NPY (.npy) and uncompressed TIFF (.tif: one page, one strip) files; with --ops
+also cos tan asin acos atan of a and +uran 1. Tools per case:
   zvcompute, C reference, floor   every case
   numpy                           .npy cases (np.load / np.save, whole arrays in memory)
   mrcfile                         .mrc cases (mrcfile.read / mrcfile.write, NumPy arithmetic)
@@ -134,8 +134,8 @@ def out_count(op, n):
 
 
 VIPS_OPS = ("add", "mul", "sqrt", "exp", "real32", "gt", "nran")
-FORMATS = {"zv": ".img", "mrc": ".mrc", "npy": ".npy"}
-FORMAT_LABEL = {"zv": "native", "mrc": "MRC", "npy": "NPY"}
+FORMATS = {"zv": ".img", "mrc": ".mrc", "npy": ".npy", "tiff": ".tif"}
+FORMAT_LABEL = {"zv": "native", "mrc": "MRC", "npy": "NPY", "tiff": "TIFF"}
 
 # The NumPy tools, run as their own process (interpreter start and imports included).
 PEER_SCRIPT = r"""
@@ -217,6 +217,22 @@ def npy_header(nx, ny, descr):
     return b"\x93NUMPY\x01\x00" + struct.pack("<H", len(d)) + d.encode()
 
 
+# NPY descr -> TIFF BitsPerSample and SampleFormat of the inputs.
+TIFF_SAMPLES = {"<f4": (32, 3), "<i2": (16, 2), "<c8": (64, 6)}
+
+
+def tiff_header(nx, ny, bits, fmt):
+    """A classic TIFF directory first, then one uncompressed strip from offset 4096 to the end of the
+    file (the C reference takes its element count from the file size)."""
+    tags = [(256, 4, nx), (257, 4, ny), (258, 3, bits), (259, 3, 1), (262, 3, 1), (273, 4, 4096), (277, 3, 1),
+            (278, 4, ny), (279, 4, nx * ny * bits // 8), (339, 3, fmt)]
+    h = bytearray(4096)
+    h[0:10] = b"II*\x00" + struct.pack("<IH", 8, len(tags))
+    for i, (tag, kind, value) in enumerate(tags):
+        struct.pack_into("<HHI" + ("I" if kind == 4 else "H2x"), h, 10 + 12 * i, tag, kind, 1, value)
+    return bytes(h)
+
+
 def data_offset(path):
     """Where the elements start in a file written by any of the tools."""
     with open(path, "rb") as f:
@@ -231,6 +247,18 @@ def data_offset(path):
         return 1024 + struct.unpack_from("<i", head, 92)[0]
     if head[:4] in (b"\x08\xf2\xa6\xb6", b"\xb6\xa6\xf2\x08"):
         return 64
+    if head[:4] == b"II*\x00":
+        # Uncompressed single-page classic TIFF with its strips in order: the first strip's offset.
+        with open(path, "rb") as f:
+            f.seek(struct.unpack_from("<I", head, 4)[0])
+            count = struct.unpack("<H", f.read(2))[0]
+            for tag, kind, n, value in struct.iter_unpack("<HHII", f.read(12 * count)):
+                if tag == 273:
+                    size, code = (4, "<I") if kind == 4 else (2, "<H")
+                    if n * size <= 4:
+                        return struct.unpack_from(code, struct.pack("<I", value))[0]
+                    f.seek(value)
+                    return struct.unpack(code, f.read(size))[0]
     raise RuntimeError(f"unknown output format: {path}")
 
 
@@ -272,7 +300,9 @@ class Inputs:
                 if fmt == "zv":
                     continue
                 p = os.path.join(self.dir, name + FORMATS[fmt])
-                hdr = mrc_header(nx, ny, mode) if fmt == "mrc" else npy_header(nx, ny, descr)
+                hdr = (mrc_header(nx, ny, mode) if fmt == "mrc"
+                       else tiff_header(nx, ny, *TIFF_SAMPLES[descr]) if fmt == "tiff"
+                       else npy_header(nx, ny, descr))
                 with open(p, "wb") as f:
                     f.write(hdr)
                 copy_range(path, 4096, p, count * esize)
@@ -471,7 +501,7 @@ def run_size(ctx, n_log2, runs, results, failures):
         raise SystemExit(f"bench: 2^{n_log2} needs about {need / 2**30:.1f} GiB in {ctx.tmp}, "
                          f"{free / 2**30:.1f} GiB free")
     print(f"\n== 2^{n_log2} elements ({n * 4 / MIB:.0f} MiB per real32 file): generating inputs", flush=True)
-    inp = Inputs(ctx, n_log2, vips=True)
+    inp = Inputs(ctx, n_log2, formats=("zv", "mrc", "npy") + (("tiff",) if "tiff" in ctx.formats else ()), vips=True)
     outdir = os.path.join(ctx.tmp, "out")
     os.makedirs(outdir, exist_ok=True)
     try:
@@ -691,7 +721,7 @@ def main():
     ap.add_argument("--dir", default="/tmp", help="parent of the temporary directory (default /tmp)")
     ap.add_argument("--ops", default=DEFAULT_OPS, help="comma-separated subset of " + ",".join(OPS)
                     + " (default " + DEFAULT_OPS + ")")
-    ap.add_argument("--formats", default="zv,mrc,npy", help="comma-separated subset of zv,mrc,npy")
+    ap.add_argument("--formats", default="zv,mrc,npy,tiff", help="comma-separated subset of zv,mrc,npy,tiff")
     ap.add_argument("--no-memcheck", action="store_true", help="skip the flat-memory check")
     ap.add_argument("--no-vips", action="store_true", help="leave vips out even when installed")
     ap.add_argument("--markdown", help="also write the tables as Markdown to this file")

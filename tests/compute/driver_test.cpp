@@ -134,7 +134,8 @@ TEST(Driver, CommandsThatFail) {
       {{"o", "=", "m.img", "%", "a.img"}, "zvcompute: invalid data type for operation (imag32)\n"},
       {{"-seed", "-h"}, "zvcompute: invalid number of option values -seed\nusage: zvcompute [-h] [-seed <i>]\n"},
       {{"-seed", "12x", "a.img", "+"}, "zvcompute: illegal option value -seed\nusage: zvcompute [-h] [-seed <i>]\n"},
-      {{"-fmt", "tiff", "o", "=", "+", "a.img"}, "zvcompute: unknown file format (known formats: zv, mrc, npy)\n"},
+      {{"-fmt", "tif", "o", "=", "+", "a.img"}, "zvcompute: unknown file format (known formats: zv, mrc, npy, tiff)\n"},
+      {{"o.png", "=", "+", "a.img"}, "zvcompute: unknown file format (known formats: zv, mrc, npy, tiff); .png files are not written: name the file for one of these formats, or give -fmt: o.png\n"},
   };
   for (const auto &[args, err] : cases) {
     TempDir dir;

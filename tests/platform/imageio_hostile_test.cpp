@@ -8,7 +8,7 @@
 namespace {
 
 struct Hostile {
-  char format;  // the good file patched: z native, m MRC, n NPY
+  char format;  // the good file patched: z native, m MRC, n NPY, t TIFF, d deflated TIFF
   void (*patch)(std::string &);
   uint32_t code;
   const char *part;
@@ -26,6 +26,19 @@ std::string Dict(const char *descr, const char *shape, const char *fortran = "Fa
 }
 const std::string kData(24, '\0');  // 2 x 3 float32
 std::string NpyWith(const char *descr, const char *shape, const std::string &data = kData) { return Npy(Dict(descr, shape), data); }
+
+// Classic little-endian TIFF: the directory after the one at ifd (the first for 0), and a tag's value
+// set (a SHORT made LONG when the value needs it) in a directory (the first for 0).
+size_t NextIfd(const std::string &s, size_t ifd = 0) { return ifd ? Get(s, ifd + 2 + 12 * Get<uint16_t>(s, ifd)) : Get(s, 4); }
+void Set(std::string &s, uint16_t tag, uint32_t v, size_t ifd = 0) {
+  ifd = ifd ? ifd : NextIfd(s);
+  for (size_t i = 0, n = Get<uint16_t>(s, ifd), at = ifd + 10; i < n; ++i, at += 12)
+    if (Get<uint16_t>(s, at - 8) == tag) {
+      if (Get<uint16_t>(s, at - 6) == 3 && v > 65535) s[at - 6] = 4;
+      return Put32(s, at, v);
+    }
+  ADD_FAILURE() << "no tag " << tag;
+}
 
 const Hostile kCases[] = {
     {'z', [](std::string &s) { s[1] = 'X'; }, E_IMAGEIO_FORMAT, "matches none"},
@@ -90,6 +103,23 @@ const Hostile kCases[] = {
     {'n', [](std::string &s) { s[8] = '\xff', s[9] = '\x7f'; }, E_IMAGEIO_HEADER, "past the end"},
     {'n', [](std::string &s) { s = std::string("\x93NUMPY\x02\x00\xff\xff\xff\xff{", 13); }, E_IMAGEIO_HEADER, "header too long"},
     {'n', [](std::string &s) { s.resize(9); }, E_IMAGEIO_HEADER, "file too short"},
+    {'t', [](std::string &s) { Set(s, 273, 1u << 30); }, E_IMAGEIO_HEADER, "page 1, strip 1 of 48 bytes at offset 1073741824 lies past the end"},
+    {'t', [](std::string &s) { Set(s, 256, 0xffffffffu); }, E_IMAGEIO_HEADER, "past the end"},
+    {'t', [](std::string &s) { Set(s, 257, 0xffffffffu); Set(s, 278, 1); }, E_IMAGEIO_HEADER, ""},
+    {'t', [](std::string &s) { size_t i1 = NextIfd(s, NextIfd(s)); Put32(s, i1 + 2 + 12 * Get<uint16_t>(s, i1), NextIfd(s)); }, E_IMAGEIO_HEADER,
+     "page 3: the chain of page directories loops back"},
+    {'t', [](std::string &s) { Set(s, 256, 7, NextIfd(s, NextIfd(s))); }, E_IMAGEIO_TYPE, "page 2 is 7 x 4"},
+    {'t', [](std::string &s) { Set(s, 277, 3); }, E_IMAGEIO_TYPE, "3 samples per pixel"},
+    {'t', [](std::string &s) { Set(s, 258, 12); }, E_IMAGEIO_TYPE, "12-bit unsigned integer samples"},
+    {'t', [](std::string &s) { Set(s, 339, 4); }, E_IMAGEIO_TYPE, "undefined samples"},
+    {'t', [](std::string &s) { Set(s, 259, 34712); }, E_IMAGEIO_TYPE, "cannot decode"},
+    {'t', [](std::string &s) { Put32(s, 4, 1u << 31); }, E_IMAGEIO_HEADER, "TIFF header"},
+    {'t', [](std::string &s) { s.resize(12); }, E_IMAGEIO_HEADER, "TIFF header"},
+    {'t', [](std::string &s) { s = "II*"; }, E_IMAGEIO_FORMAT, "zv, mrc, npy, tiff"},
+    // libtiff mends the byte counts of uncompressed single strips by itself, not of compressed ones.
+    {'d', [](std::string &s) { Set(s, 279, 1u << 30); }, E_IMAGEIO_HEADER, "past the end"},
+    {'d', [](std::string &s) { Set(s, 256, 1u << 24); }, E_IMAGEIO_HEADER, "compressed more than 32768 to 1"},
+    {'d', [](std::string &s) { Set(s, 256, 1u << 26); }, E_IMAGEIO_TYPE, "strip of more than 256 MiB"},
 };
 
 // Refused by the library, then by the tool as an operand and in place.
@@ -111,11 +141,13 @@ void ExpectRefused(const TempDir &dir, const std::string &in, uint32_t code, con
 
 TEST_F(ImageioTest, HostileFilesAreRefused) {
   ASSERT_TRUE(WriteImage(dir / "good.zv", TypeUint32, {2, 3}, std::vector<uint32_t>{1, 2, 3, 4, 5, 6}));
+  ASSERT_TRUE(WriteImage(dir / "good.tif", TypeUint16, {6, 4, 2}, Pattern(TypeUint16, 48)));
+  ASSERT_TRUE(WriteImage(dir / "zip.tif", TypeUint16, {6, 4}, Pattern(TypeUint16, 24), Caps("deflate")));
   const std::string good[] = {ReadFileBytes(dir / "good.zv"), MrcHeader(4, 2, 1, 2, false, std::string(32, '\0')),
-                              NpyWith("<f4", "(2, 3)")};
+                              NpyWith("<f4", "(2, 3)"), ReadFileBytes(dir / "good.tif"), ReadFileBytes(dir / "zip.tif")};
   int i = 0;
   for (const Hostile &c : kCases) {
-    std::string s = good[c.format == 'z' ? 0 : c.format == 'm' ? 1 : 2], path = dir / ("h" + std::to_string(i++) + "." + c.format);
+    std::string s = good[std::string("zmntd").find(c.format)], path = dir / ("h" + std::to_string(i++) + "." + c.format);
     c.patch(s);
     WriteFileBytes(path, s);
     ExpectRefused(dir, path, c.code, c.part, c.forced);

@@ -1,6 +1,14 @@
 // Interoperability with the field's own readers and writers: the tool copies and rewrites in place
 // the files that numpy and mrcfile write (versions, byte orders, column-major arrays, extended
 // headers, ten labels), and they read and validate the results.
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <numeric>
+#include <sstream>
+#include <tuple>
+
 #include "imageio_helpers.h"
 
 namespace {
@@ -83,6 +91,97 @@ print(files, "files; mismatch:", *bad); sys.exit(1 if bad or files < 150 else 0)
   Child c = Start({py, "script.py", ZVCOMPUTE_BIN}, {dir.path});
   const RunResult r = Finish(c);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// Runs a Python script (numpy as np, sys imported) in the directory: its exit status, its output in *out.
+int RunPython(const TempDir &dir, const std::string &script, std::string *out) {
+  WriteFileBytes(dir / "script.py", "import numpy as np, sys, warnings\nwarnings.simplefilter('ignore')\n" + script);
+  Child c = Start({"/usr/bin/python3", "script.py"}, {dir.path});
+  const RunResult r = Finish(c);
+  *out = r.out + r.err;
+  return r.status;
+}
+
+// TIFF with tifffile and libtiff's tools. Debian's tifffile writes no LZW or zstd (it has no codec
+// for them): such files are made, and ours read, through libtiff's tiffcp.
+TEST_F(ImageioTest, InteropTiffWithTifffileAndLibtiffTools) {
+  std::string out;
+  if (RunPython(dir, "import tifffile", &out) != 0 || std::system("command -v tiffinfo > /dev/null") != 0)
+    GTEST_SKIP() << "tifffile or libtiff's tools not installed";
+  // Theirs: multi-page uint16 made LZW, tiled float32 BigTIFF, big-endian int16, deflate float32 with
+  // a resolution, complex64 and float16 pages; the arrays beside them as .npy files.
+  ASSERT_EQ(RunPython(dir, R"PY(
+import tifffile, subprocess
+r = np.random.default_rng(5)
+arrays = {'m': (r.integers(0, 65535, (4, 30, 40))).astype(np.uint16), 't': r.random((3, 50, 70), np.float32),
+          'b': r.integers(-32768, 32767, (2, 20, 30)).astype('>i2'), 'd': r.random((2, 17, 9), np.float32),
+          'c': (r.random((2, 10, 12)) + 1j * r.random((2, 10, 12))).astype(np.complex64), 'h': r.random((9, 7)).astype(np.float16)}
+for k, a in arrays.items(): np.save(k + '.npy', a.astype(np.float32 if k == 'h' else a.dtype.newbyteorder('=')))
+kw = dict(photometric='minisblack')
+tifffile.imwrite('m.tif', arrays['m'], **kw); subprocess.run(['tiffcp', '-c', 'lzw', 'm.tif', 'lzw.tif'], check=True)
+tifffile.imwrite('t.tif', arrays['t'], bigtiff=True, tile=(16, 32), **kw)
+tifffile.imwrite('b.tif', arrays['b'], byteorder='>', **kw)
+tifffile.imwrite('d.tif', arrays['d'], compression='zlib', resolution=(1e8 / 2, 1e8 / 2.5), resolutionunit='CENTIMETER', **kw)
+tifffile.imwrite('c.tif', arrays['c'], **kw); tifffile.imwrite('h.tif', arrays['h'], **kw)
+)PY", &out), 0) << out;
+  for (const char *name : {"lzw", "t", "b", "d", "c", "h"}) {
+    TestImage a = ReadImage(dir / (name + std::string(".tif"))), b = ReadImage(dir / ((name[1] ? "m" : name) + std::string(".npy")));
+    EXPECT_TRUE(a.type == b.type && a.dims == b.dims && a.data == b.data) << name;
+  }
+  ImageDesc d{};
+  ImageioHandle *h = OpenRead(dir / "d.tif", &d);
+  auto *g = h ? reinterpret_cast<const ImageioGeometry *>(d.geom) : nullptr;
+  EXPECT_TRUE(g && std::fabs(g->voxel[0] - 2) < 1e-6 && std::fabs(g->voxel[1] - 2.5) < 1e-6);
+  ImageioClose(h);
+  // Ours, each compression: read equal by tifffile (LZW and zstd after tiffcp made them plain), with
+  // the voxel size as resolution, and clean for tiffinfo and tiffdump.
+  const ImageioGeometry geom{{1.25, 1.25, 0}, {0, 0, 0}, {1, 2, 3}, 0};
+  std::string list;
+  for (auto [caps, type, dims] : {std::tuple{"read", TypeUint16, Dims{40, 30, 4}}, {"deflate", TypeReal32, Dims{33, 7, 2, 3}},
+                                  {"lzw", TypeInt8, Dims{100}}, {"zstd", TypeCmplx64, Dims{5, 6, 2}}, {"read", TypeReal64, Dims{3, 2}}}) {
+    std::string base = "o" + std::to_string(list.size());
+    auto data = Pattern(type, std::accumulate(dims.begin(), dims.end(), uint64_t{1}, std::multiplies<>()), 3);
+    if (type == TypeReal32 || type == TypeCmplx64 || type == TypeReal64)
+      for (size_t i = 0; i < data.size(); i += 4) data[i + 3] &= 0x3f;  // finite
+    ASSERT_TRUE(WriteImage(dir / (base + ".tif"), type, dims, data.data(), Caps(caps), &geom)) << LastError();
+    WriteImage(dir / (base + ".npy"), type, dims, data.data());
+    list += base + " ";
+  }
+  ASSERT_EQ(RunPython(dir, "names = '" + list + R"PY('.split()
+import tifffile, subprocess
+bad = []
+for n in names:
+    info = subprocess.run(['tiffinfo', '-D', n + '.tif'], capture_output=True, text=True)
+    dump = subprocess.run(['tiffdump', n + '.tif'], capture_output=True, text=True)
+    subprocess.run(['tiffcp', '-c', 'none', n + '.tif', n + 'p.tif'], check=True)
+    with tifffile.TiffFile(n + 'p.tif') as t:
+        a, tags = t.asarray(), t.pages[0].tags
+        want = np.load(n + '.npy'); want = want.reshape((-1,) + want.shape[-2:]) if want.ndim > 3 else want
+        ok = a.dtype == want.dtype and np.array_equal(a.reshape(want.shape), want)
+        ok = ok and tags['XResolution'].value == tags['YResolution'].value and tags['ResolutionUnit'].value == 3
+        ok = ok and abs(1e8 * tags['XResolution'].value[1] / tags['XResolution'].value[0] - 1.25) < 1e-6
+    if not ok or info.returncode or dump.returncode or 'rror' in info.stderr + dump.stderr: bad.append(n)
+print('mismatch:', *bad); sys.exit(1 if bad else 0)
+)PY", &out), 0) << out;
+  // The tool on TIFF: format by name and by content; compressed files refused in place, untouched.
+  for (auto args : {std::vector<std::string>{"frames.mrc", "=", "uint16", "m.npy"}, {"-cap", "lzw", "frames.tif", "=", "uint16", "frames.mrc"},
+                    {"dark.tif", "=", "uint16", "lzw.tif"}, {"sum.mrc", "=", "frames.tif", "+", "dark.tif"}, {"t.tif", "*", "2"},
+                    {"-cap", "zstd", "q.tif", "=", "real32", "t.tif"}, {"dm.mrc", "=", "d.tif", "+", "d.tif"}}) {
+    RunResult r = RunTool(args, RunOptions(dir.path));
+    EXPECT_EQ(r.status, 0) << r.err;
+  }
+  std::vector<float> sum;
+  for (uint16_t v : ReadImage(dir / "m.npy").as<uint16_t>()) sum.push_back(2.0f * v);
+  EXPECT_EQ(ReadImage(dir / "sum.mrc").as<float>(), sum);
+  h = OpenRead(dir / "dm.mrc", &d);  // the pixel size goes on from TIFF to MRC
+  g = h ? reinterpret_cast<const ImageioGeometry *>(d.geom) : nullptr;
+  EXPECT_TRUE(g && std::fabs(g->voxel[0] - 2) < 1e-6 && std::fabs(g->voxel[1] - 2.5) < 1e-6);
+  ImageioClose(h);
+  const std::string before = ReadFileBytes(dir / "q.tif");
+  RunResult r = RunTool({"q.tif", "+", "1"}, RunOptions(dir.path));
+  EXPECT_EQ(r.err, "zvcompute: write error (TIFF compressed data cannot be rewritten in place; write a new file instead): q.tif\n");
+  EXPECT_EQ(ReadFileBytes(dir / "q.tif"), before);
+  EXPECT_EQ(RunPython(dir, "import tifffile\nsys.exit(not np.array_equal(tifffile.imread('t.tif'), 2 * np.load('t.npy')))", &out), 0) << out;
 }
 
 }  // namespace

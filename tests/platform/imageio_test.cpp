@@ -38,15 +38,17 @@ TEST_F(ImageioTest, BlockAccessRules) {
 TEST_F(ImageioTest, CapabilityAndFormatNames) {
   EXPECT_TRUE(ImageioCapCheck("mmap") != ImageioCapCheck("read") && ImageioCapCheck("mmap,sync") != ImageioCapCheck("mmap") &&
               ImageioCapCheck("read,sync") == ImageioCapCheck("sync,read") && ImageioCapCheck("sync"));
-  for (const char *bad : {"", "fast", "mmap,read", "mmap,", ",sync", "MMAP", "mmap sync", static_cast<const char *>(nullptr)})
+  for (const char *ok : {"deflate", "lzw,sync", "zstd"}) EXPECT_NE(ImageioCapCheck(ok), 0u) << ok;
+  for (const char *bad : {"", "fast", "mmap,read", "mmap,", ",sync", "MMAP", "mmap sync", "lzw,zstd", static_cast<const char *>(nullptr)})
     EXPECT_EQ(ImageioCapCheck(bad), 0u) << (bad ? bad : "null");
-  for (const char *ok : {"zv", "mrc", "npy"}) EXPECT_EQ(ImageioFormatCheck(ok), 0u) << ok;
-  for (const char *bad : {"MRC", "tiff", "", "zv ", static_cast<const char *>(nullptr)})
+  for (const char *ok : {"zv", "mrc", "npy", "tiff"}) EXPECT_EQ(ImageioFormatCheck(ok), 0u) << ok;
+  for (const char *bad : {"MRC", "tif", "", "zv ", static_cast<const char *>(nullptr)})
     EXPECT_EQ(ImageioFormatCheck(bad), E_IMAGEIO_FORMAT) << (bad ? bad : "null");
   // Writing picks the format from the name unless forced ("l" and "m"); reading goes by the content.
   const std::pair<const char *, const char *> cases[] = {
       {"a.MRC", "mrc"}, {"b.mrcs", "mrc"}, {"c.map", "mrc"}, {"d.rec", "mrc"}, {"e.st", "mrc"}, {"f.ali", "mrc"},
-      {"g.ccp4", "mrc"}, {"h.npy", "npy"}, {"i.Npy", "npy"}, {"j.img", "zv"}, {"k", "zv"}, {"l.npy", "zv"}, {"m.zv", "mrc"}};
+      {"g.ccp4", "mrc"}, {"h.npy", "npy"}, {"i.Npy", "npy"}, {"j.img", "zv"}, {"k", "zv"}, {"l.npy", "zv"}, {"m.zv", "mrc"},
+      {"n.tif", "tiff"}, {"o.TIFF", "tiff"}};
   for (auto [name, expect] : cases) {
     const char *forced = name[0] == 'l' ? "zv" : name[0] == 'm' ? "mrc" : nullptr;
     ASSERT_TRUE(WriteImage(dir / name, TypeInt16, {2, 1}, std::vector<int16_t>{1, 2}, Caps(nullptr, 0, forced)));
@@ -59,7 +61,8 @@ TEST_F(ImageioTest, CapabilityAndFormatNames) {
   }
   ExpectOpenFails(dir / "j.img", E_IMAGEIO_HEADER, "MRC", "mrc");
   ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_HEADER, "not an NPY file", "npy");
-  ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_FORMAT, "('tiff')", "tiff");
+  ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_FORMAT, "('tif')", "tif");
+  ExpectOpenFails(dir / "a.MRC", E_IMAGEIO_HEADER, "bad magic", "tiff");
 }
 
 }  // namespace

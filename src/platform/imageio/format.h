@@ -39,10 +39,27 @@ struct ImageioFormat {
   bool keeps_stats;    // header statistics accumulated as blocks are written
   bool keeps_history;  // history lines recorded in new and rewritten files
   bool exact_size;     // the file ends where the data ends (else trailing bytes are allowed)
+
+  // Optional, for formats whose elements are not one plain run at data_offset (compressed or
+  // scattered strips and tiles); null for the others. With read_elements the library does not map
+  // the file, check its size against the data or size a new file: the format places its data.
+  // Stored elements first .. first+count-1 into dst (file_esize bytes each, in this machine's byte
+  // order); the library converts them (conv) as it does for other formats.
+  uint32_t (*read_elements)(ImageioHandle *h, uint64_t first, uint64_t count, unsigned char *dst) = nullptr;
+  // Elements as callers see them, into a new file or a file rewritten in place; src may be changed.
+  uint32_t (*write_elements)(ImageioHandle *h, uint64_t first, uint64_t count, unsigned char *src) = nullptr;
+  // Frees what the format's state holds, when the handle ends (null when it holds nothing to free).
+  void (*release)(ImageioHandle *h) = nullptr;
+  bool compresses = false;  // new files honour the compression capabilities (deflate, lzw, zstd)
 };
 
+// The history text of this process (ImageioSetHistory), for formats that record the history of a new
+// file when it is created rather than when it is closed.
+const std::string &ImageioHistoryText();
+
 // The registry (and ImageioFormatName of imageio.h). By name: null when no format has it. For a new
-// file: the format whose extension ends the name (any case), else the first format of the registry.
+// file: the format whose extension ends the name (any case); null when the name ends in the extension
+// of a format that is not written here (.png, .h5, ...); else the first format of the registry.
 // Detection: null when none recognises the bytes.
 const ImageioFormat *ImageioFormatByName(const char *name);
 const ImageioFormat *ImageioFormatForNewFile(const std::string &path);

@@ -11,7 +11,8 @@
 #define ZV_IMAGE_FORMATS(LINE) \
   LINE(ImageioZvFormat)        \
   LINE(ImageioMrcFormat)       \
-  LINE(ImageioNpyFormat)
+  LINE(ImageioNpyFormat)       \
+  LINE(ImageioTiffFormat)
 
 #define ZV_DECLARE(record) extern const ImageioFormat record;
 ZV_IMAGE_FORMATS(ZV_DECLARE)
@@ -22,6 +23,14 @@ namespace {
 #define ZV_ROW(record) &record,
 const ImageioFormat *const kFormats[] = {ZV_IMAGE_FORMATS(ZV_ROW)};
 #undef ZV_ROW
+
+// Endings of formats that are not written here: a new file so named is refused rather than written
+// in the native format under a name that promises another one.
+const char *const kForeignExtensions[] = {
+    ".png", ".jpg", ".jpeg", ".jp2", ".j2k", ".gif", ".bmp", ".webp", ".h5", ".hdf", ".hdf5", ".he5",
+    ".zarr", ".n5", ".dm3", ".dm4", ".eer", ".ser", ".emd", ".nii", ".czi", ".lif", ".nd2", ".svs",
+    ".spi", ".hed", ".xml", ".json", ".txt", ".csv",
+};
 
 bool EndsWith(const std::string &s, const char *suffix) {
   size_t n = std::strlen(suffix);
@@ -44,6 +53,8 @@ const ImageioFormat *ImageioFormatForNewFile(const std::string &path) {
   for (const ImageioFormat *f : kFormats)
     for (const char *const *e = f->extensions; *e; ++e)
       if (EndsWith(path, *e)) return f;
+  for (const char *e : kForeignExtensions)
+    if (EndsWith(path, e)) return nullptr;
   return kFormats[0];
 }
 

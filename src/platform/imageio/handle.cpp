@@ -24,12 +24,13 @@ ImageioHandle *ImageioNewHandle(const char *path, uint32_t mode, const ImageioPa
   h->path = path;
   h->fd = -1;
   h->mode = mode;
-  h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync);
+  h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync | ImageioCapCompress);
   h->in_order = true;
   return h;
 }
 
 void ImageioFreeHandle(ImageioHandle *h) {
+  if (h->format && h->format->release && h->format_state) h->format->release(h);
   if (h->map) munmap(h->map, h->map_len);
   if (h->fd >= 0) close(h->fd);
   std::free(h->buf);

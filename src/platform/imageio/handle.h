@@ -12,6 +12,11 @@
 inline constexpr uint32_t ImageioCapMmap = 1;  // memory-mapped data access
 inline constexpr uint32_t ImageioCapRead = 2;  // plain reads and writes through one reusable buffer
 inline constexpr uint32_t ImageioCapSync = 4;  // flush to stable storage before the rename / at close
+// Compression of new files, for formats that compress (at most one).
+inline constexpr uint32_t ImageioCapDeflate = 8;
+inline constexpr uint32_t ImageioCapLzw = 16;
+inline constexpr uint32_t ImageioCapZstd = 32;
+inline constexpr uint32_t ImageioCapCompress = ImageioCapDeflate | ImageioCapLzw | ImageioCapZstd;
 
 // How stored elements become the elements callers see.
 enum ImageioConv : uint32_t {

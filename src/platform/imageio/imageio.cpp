@@ -32,7 +32,7 @@ ErrorEntry kErrors[] = {
     {"E_IMAGEIO", "internal error (image file library)"},
     {"E_IMAGEIO_OPEN", "cannot open file"},
     {"E_IMAGEIO_FORMAT", "unknown file format"},
-    {"E_IMAGEIO_CAP", "invalid capability (known: mmap, read, sync; combine with commas, e.g. mmap,sync)"},
+    {"E_IMAGEIO_CAP", "invalid capability (known: mmap, read, sync, deflate, lzw, zstd; combine with commas, e.g. mmap,sync)"},
     {"E_IMAGEIO_TYPE", "element type not supported by the file format"},
     {"E_IMAGEIO_DIM", "invalid number of dimensions (an image has 1 to 4 axes)"},
     {"E_IMAGEIO_SIZE", "array size too large"},
@@ -131,6 +131,7 @@ uint32_t CheckExtent(ImageioHandle *h, uint64_t *end) {
   if (__builtin_mul_overflow(h->count, static_cast<uint64_t>(h->file_esize), &raw) ||
       __builtin_add_overflow(h->data_offset, raw, end))
     return ImageioFail(h, E_IMAGEIO_SIZE, " (the header's axis lengths overflow)");
+  if (h->format->read_elements) return 0;  // the format checks where its data lies
   if (*end > h->size)
     return ImageioFail(h, E_IMAGEIO_READ,
                        (" (file shorter than its header says: " + Num(*end) + " bytes needed, " + Num(h->size) +
@@ -155,7 +156,8 @@ ImageioHandle *Open(const char *path, ImageDesc *desc, const ImageioParam *param
     return nullptr;
   }
   // Map the data; an axis-reversed file is always mapped (its blocks are gathered).
-  if (end > h->data_offset && ((h->caps & ImageioCapMmap) || h->fortran) && !ImageioMapFile(h, end, rw) &&
+  if (end > h->data_offset && !h->format->read_elements && ((h->caps & ImageioCapMmap) || h->fortran) &&
+      !ImageioMapFile(h, end, rw) &&
       h->fortran) {
     ImageioFailErrno(h, E_IMAGEIO_READ, errno, " (cannot map the file)");
     ImageioFreeHandle(h);
@@ -201,12 +203,18 @@ uint32_t ImageioCapCheck(const char *text) {
     if (word == "mmap") caps |= ImageioCapMmap;
     else if (word == "read") caps |= ImageioCapRead;
     else if (word == "sync") caps |= ImageioCapSync;
+    else if (word == "deflate") caps |= ImageioCapDeflate;
+    else if (word == "lzw") caps |= ImageioCapLzw;
+    else if (word == "zstd") caps |= ImageioCapZstd;
     else return 0;
     if (!end) break;
     p = end + 1;
   }
   // One I/O strategy at a time.
   if ((caps & ImageioCapMmap) && (caps & ImageioCapRead)) return 0;
+  // One compression at a time.
+  uint32_t compress = caps & ImageioCapCompress;
+  if (compress & (compress - 1)) return 0;
   return caps;
 }
 
@@ -246,15 +254,25 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
       if (reinterpret_cast<uint64_t>(&src->geom) == desc->geom) h->history = src->history;
   }
   const ImageioFormat *f = param->format ? NamedFormat(h, param->format) : ImageioFormatForNewFile(h->path);
+  if (!f && !param->format) {
+    // Never the native format under the name of another one.
+    std::string ext = h->path.substr(h->path.find_last_of('.'));
+    ImageioFail(h, E_IMAGEIO_FORMAT, ("; " + ext + " files are not written: name the file for one of these formats, or give -fmt").c_str());
+  }
   if (!f || ImageioSetFormat(h, f) || f->check(h)) return fail();
+  if ((h->caps & ImageioCapCompress) && !f->compresses) {
+    ImageioFail(h, E_IMAGEIO_CAP, (" (" + std::string(f->name) + " files are not written compressed)").c_str());
+    return fail();
+  }
   if (ImageioNewFileOpen(h) || f->create(h)) return fail();
   uint64_t bytes = h->count * h->esize, end;
   if (__builtin_add_overflow(h->data_offset, bytes, &end) || end > static_cast<uint64_t>(LLONG_MAX)) {
     ImageioFail(h, E_IMAGEIO_SIZE, "");
     return fail();
   }
-  if (ImageioNewFileReserve(h, end) || f->write_header(h, false)) return fail();
-  if ((h->caps & ImageioCapMmap) && bytes > 0) ImageioMapFile(h, end, true);
+  // A format that places its own data grows its file as it writes.
+  if ((!f->read_elements && ImageioNewFileReserve(h, end)) || f->write_header(h, false)) return fail();
+  if ((h->caps & ImageioCapMmap) && bytes > 0 && !f->read_elements) ImageioMapFile(h, end, true);
   h->marked = (param->flags & ImageioFlagDel) ? 1 : 0;
   ImageioLiveHandles().push_back(h);
   return h;
@@ -304,6 +322,8 @@ uint32_t ImageioClose(ImageioHandle *h) {
   ImageioFreeHandle(h);
   return st;
 }
+
+const std::string &ImageioHistoryText() { return HistoryText(); }
 
 void ImageioErrPath(ImageioHandle *handle, uint32_t) {
   if (handle && ExceptionGet(1)) ExceptionSetPath(handle->path.c_str());

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "platform/imageio/handle.h"
+#include "platform/imageio/format.h"
 
 namespace {
 
@@ -138,7 +138,10 @@ uint32_t ImageioFill(ImageioHandle *h, uint64_t first, uint64_t count, unsigned 
   // Stored elements are gathered or read into the tail of dst, then widened towards its start.
   uint64_t raw = count * h->file_esize, bytes = count * h->esize;
   unsigned char *tail = dst + (bytes - raw);
-  if (h->fortran) {
+  if (h->format->read_elements) {
+    if (uint32_t st = h->format->read_elements(h, first, count, tail)) return st;
+    ConvertIn(h, tail, dst, count);
+  } else if (h->fortran) {
     const unsigned char *base = h->map + h->data_offset;
     uint32_t fs = h->file_esize;
     FortranWalk(h, first, count, [&](uint64_t e, uint64_t off) { std::memcpy(tail + e * fs, base + off * fs, fs); });
@@ -154,6 +157,7 @@ uint32_t ImageioFill(ImageioHandle *h, uint64_t first, uint64_t count, unsigned 
 
 uint32_t ImageioStore(ImageioHandle *h, uint64_t first, uint64_t count, unsigned char *src) {
   if (h->conv == ImageioConvSwap) SwapUnits(src, count * h->esize, h->swap_unit);
+  if (h->format->write_elements) return h->format->write_elements(h, first, count, src);
   if (h->fortran) {
     unsigned char *base = h->map + h->data_offset;
     uint32_t fs = h->file_esize;
