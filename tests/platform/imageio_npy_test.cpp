@@ -135,7 +135,12 @@ TEST_F(ImageioTest, NpyMalformedHeaders) {
       {[](std::string &s) { s = Npy(Dict("<f8", "(2, 3)"), kData); }, E_IMAGEIO_READ, "shorter than its header"},
       {[](std::string &s) { s[6] = 4; }, E_IMAGEIO_HEADER, "version 4"},
       {[](std::string &s) { s[8] = '\xff', s[9] = '\x7f'; }, E_IMAGEIO_HEADER, "past the end"},
-      {[](std::string &s) { s.resize(9); }, E_IMAGEIO_HEADER, "too short"}});
+      {[](std::string &s) { s.resize(9); }, E_IMAGEIO_HEADER, "too short"},
+      {[](std::string &s) { s[7] = 1; }, E_IMAGEIO_HEADER, "version 1.1"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(2, 03)"), kData); }, E_IMAGEIO_HEADER, "shape"},
+      {[](std::string &s) { s = Npy(Dict("<f4", "(2L, 3)"), kData, 3); }, E_IMAGEIO_HEADER, "shape"},
+      {[](std::string &s) { s[22] = '\0'; }, E_IMAGEIO_HEADER, "NUL"},  // inside the descr
+      {[](std::string &s) { std::fill(s.begin() + s.find('}') + 1, s.begin() + s.find('\n') + 1, '\0'); }, E_IMAGEIO_HEADER, "NUL"}});
   ExpectOpenFails(dir / "h18.npy", E_IMAGEIO_HEADER, "too short", "npy");
 }
 
