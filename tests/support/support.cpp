@@ -3,6 +3,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +73,32 @@ RunResult RunTool(const std::vector<std::string> &args, const std::vector<std::s
   waitpid(pid, &st, 0);
   r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
   return r;
+}
+
+pid_t StartTool(const std::vector<std::string> &args, const std::function<void()> &in_child) {
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  int null = open("/dev/null", O_WRONLY);
+  dup2(null, 1);
+  dup2(null, 2);
+  for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  rlimit core{0, 0};
+  setrlimit(RLIMIT_CORE, &core);
+  if (in_child) in_child();
+  std::vector<char *> argv{const_cast<char *>(ZVCOMPUTE_BIN)};
+  for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  argv.push_back(nullptr);
+  execv(ZVCOMPUTE_BIN, argv.data());
+  _exit(127);
+}
+
+int WaitTool(pid_t pid) {
+  int st = 0;
+  waitpid(pid, &st, 0);
+  return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
 void WriteImage(const std::string &path, uint32_t type, const std::vector<uint64_t> &dims,

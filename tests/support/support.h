@@ -2,7 +2,10 @@
 // through the image-file library.
 #pragma once
 #include <cstdint>
+#include <sys/types.h>
+
 #include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +27,13 @@ struct RunResult {
 // cwd non-empty the tool runs in that directory.
 RunResult RunTool(const std::vector<std::string> &args, const std::vector<std::string> &env = {},
                   const std::string &cwd = "");
+
+// Starts the zvcompute binary and returns its process id: standard output and error go to
+// /dev/null, every signal has its default action and is unblocked, no core file is written; then
+// in_child runs in the new process (to change its descriptors) before the tool starts.
+pid_t StartTool(const std::vector<std::string> &args, const std::function<void()> &in_child = {});
+// Waits for a started tool: its exit status, or 128 + signal.
+int WaitTool(pid_t pid);
 
 struct TestImage {
   uint32_t type = 0;
