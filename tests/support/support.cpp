@@ -79,12 +79,10 @@ pid_t StartTool(const std::vector<std::string> &args, const std::function<void()
   pid_t pid = fork();
   if (pid != 0) return pid;
   int null = open("/dev/null", O_WRONLY);
-  dup2(null, 1);
-  dup2(null, 2);
+  dup2(null, 1), dup2(null, 2), close(null);
   for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
   sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
   rlimit core{0, 0};
   setrlimit(RLIMIT_CORE, &core);
   if (in_child) in_child();

@@ -47,10 +47,12 @@ void ImageioSignalsInstall() {
   sa.sa_sigaction = OnTerminate;
   sa.sa_flags = SA_SIGINFO | SA_RESTART;
   HandledSet(&sa.sa_mask);  // one cleanup at a time
+  // Only over the default action: a signal ignored from the start stays ignored, and a handler of
+  // the program that uses the library (a test or fuzzing harness) stays in charge.
   for (int sig : kSignals) {
     struct sigaction old;
-    if (sigaction(sig, nullptr, &old) == 0 && !(old.sa_flags & SA_SIGINFO) && old.sa_handler == SIG_IGN) continue;
-    sigaction(sig, &sa, nullptr);
+    if (sigaction(sig, nullptr, &old) == 0 && !(old.sa_flags & SA_SIGINFO) && old.sa_handler == SIG_DFL)
+      sigaction(sig, &sa, nullptr);
   }
 }
 

@@ -12,7 +12,8 @@
 #include <signal.h>
 
 // Installs the handler for SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGALRM, SIGUSR1, SIGUSR2,
-// SIGXCPU and SIGXFSZ (once; a signal the process was started with ignored stays ignored). SIGPIPE
+// SIGXCPU and SIGXFSZ (once, over the default action only: a signal ignored from the start stays
+// ignored, another handler stays). SIGPIPE
 // and SIGXFSZ that the kernel raises for one of the process's own writes (a closed pipe, the
 // file-size limit) are left to that write, which then fails with EPIPE or EFBIG and is reported as
 // an error; sent by another process they end the run like the others.
