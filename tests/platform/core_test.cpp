@@ -6,8 +6,11 @@
 #include <cstring>
 #include <string>
 
+#include <unistd.h>
+
 #include "platform/core/array.h"
 #include "platform/core/errors.h"
+#include "platform/core/escape.h"
 #include "platform/core/parse.h"
 #include "platform/core/types.h"
 
@@ -43,6 +46,31 @@ TEST(ErrorStack, PassingOnThePendingCodeKeepsOneEntry) {
   EXPECT_STREQ(ExceptionText(1), "out of memory");
   EXPECT_STREQ(ExceptionText(2), "");
   ExceptionClear();
+}
+
+// Texts from files and arguments as messages show them; printable UTF-8 stays.
+TEST(ErrorStack, ReportedTextsAreEscaped) {
+  const std::string kept = "a b~ \xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xc2\xa0\xe2\x80\xaf\xe2\x81\xaa";
+  const std::pair<std::string, std::string> rows[] = {
+      {kept, kept}, {"\n\t\r\\", "\\n\\t\\r\\\\"}, {"\x1b[2J\x7f\x01", "\\x1b[2J\\x7f\\x01"},
+      // C1 controls, direction marks and line separators.
+      {"\xc2\x80\xc2\x9f\xe2\x80\xaa\xe2\x80\xae\xe2\x81\xa6\xe2\x81\xa9\xe2\x80\xa8",
+       "\\u0080\\u009f\\u202a\\u202e\\u2066\\u2069\\u2028"},
+      // Not UTF-8: a stray byte, a cut sequence, overlong forms, a surrogate, past U+10FFFF.
+      {"\xff\xc3", "\\xff\\xc3"}, {"\xc0\xaf\xe0\x9f\xbf", "\\xc0\\xaf\\xe0\\x9f\\xbf"},
+      {"\xed\xa0\x80\xf4\x90\x80\x80", "\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"}};
+  for (const auto &[in, out] : rows) EXPECT_EQ(CoreEscape(in), out);
+  // The writer of the signal handlers gives the same text, also well past its buffer.
+  std::string text;
+  for (int i = 0; i < 100; ++i) text += "\x1b\xc3\xa9";
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  CoreWriteEscaped(p[1], text.c_str());
+  close(p[1]);
+  std::string got(4096, '\0');
+  got.resize(static_cast<size_t>(std::max<ssize_t>(0, read(p[0], got.data(), got.size()))));
+  close(p[0]);
+  EXPECT_EQ(got, CoreEscape(text));
 }
 
 template <class T> uint32_t Parse(uint32_t (*fn)(const char *, const char **, void *, uint32_t), const char *text, T *v,

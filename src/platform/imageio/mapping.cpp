@@ -1,8 +1,8 @@
 // Mapped data. Pages of a mapped file that another program truncates (or whose storage cannot be
 // allocated) fault with SIGBUS when touched, wherever the touching code is. The guard turns such a
 // fault inside one of this library's mappings into an error line naming the file, removes the
-// temporary files of images being created (the cleanup table), and ends the process with status 1. Other SIGBUS faults
-// go to the previous handler.
+// temporary files of images being created (the cleanup table), and ends the process with status 1.
+// Other SIGBUS faults go to the previous handler.
 //
 // A block handed out from the mapping has its pages made present in one call (far cheaper than one
 // fault per page, and the destination of a new file is written without faults), and they are dropped
