@@ -103,6 +103,14 @@ const Hostile kCases[] = {
     {'n', [](std::string &s) { s[8] = '\xff', s[9] = '\x7f'; }, E_IMAGEIO_HEADER, "past the end"},
     {'n', [](std::string &s) { s = std::string("\x93NUMPY\x02\x00\xff\xff\xff\xff{", 13); }, E_IMAGEIO_HEADER, "header too long"},
     {'n', [](std::string &s) { s.resize(9); }, E_IMAGEIO_HEADER, "file too short"},
+    {'n', [](std::string &s) { s[7] = 1; }, E_IMAGEIO_HEADER, "version 1.1"},
+    {'n', [](std::string &s) { s = NpyWith("<f4", "(2, 03)"); }, E_IMAGEIO_HEADER, "shape"},
+    {'n', [](std::string &s) {  // Python 2's long suffix: version 1 and 2 readers take it, version 3 ones do not
+       const std::string d = Dict("<f4", "(2L, 3)") + std::string(128 - 12 - Dict("<f4", "(2L, 3)").size() - 1, ' ') + "\n";
+       s = std::string("\x93NUMPY\x03\x00", 8) + std::string(1, static_cast<char>(d.size())) + std::string(3, '\0') + d + kData; },
+     E_IMAGEIO_HEADER, "shape"},
+    {'n', [](std::string &s) { s[22] = '\0'; }, E_IMAGEIO_HEADER, "NUL"},  // inside the descr
+    {'n', [](std::string &s) { std::fill(s.begin() + s.find('}') + 1, s.begin() + s.find('\n') + 1, '\0'); }, E_IMAGEIO_HEADER, "NUL"},
     {'t', [](std::string &s) { Set(s, 273, 1u << 30); }, E_IMAGEIO_HEADER, "page 1, strip 1 of 48 bytes at offset 1073741824 lies past the end"},
     {'t', [](std::string &s) { Set(s, 256, 0xffffffffu); }, E_IMAGEIO_HEADER, "past the end"},
     {'t', [](std::string &s) { Set(s, 257, 0xffffffffu); Set(s, 278, 1); }, E_IMAGEIO_HEADER, ""},

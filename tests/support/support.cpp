@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,8 +33,13 @@ Child Start(const std::vector<std::string> &args, const RunOptions &o) {
     dup2(open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     if (!o.cwd.empty() && chdir(o.cwd.c_str()) != 0) _exit(127);
     for (const std::string &e : o.env) putenv(const_cast<char *>(e.c_str()));
-    rlimit r{o.fsize, o.fsize};
+    rlimit r{o.fsize, o.fsize}, core{0, 0};
     setrlimit(RLIMIT_FSIZE, &r);
+    setrlimit(RLIMIT_CORE, &core);
+    for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
+    sigset_t none;
+    sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (o.prepare) o.prepare();
     if (o.body) {
       o.body();
       _exit(99);

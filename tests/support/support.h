@@ -26,7 +26,7 @@ struct TempDir {
 };
 
 // One child process: a program and its arguments (or body() when body is set), its standard output
-// and error captured in files.
+// and error captured in files, every signal at its default action and unblocked, no core file.
 struct RunOptions {
   RunOptions(std::string dir = "", std::vector<std::string> environment = {}, rlim_t limit = RLIM_INFINITY)
       : cwd(std::move(dir)), env(std::move(environment)), fsize(limit) {}
@@ -34,6 +34,7 @@ struct RunOptions {
   std::vector<std::string> env;  // NAME=VALUE entries added to the environment
   rlim_t fsize;                  // file-size limit
   std::function<void()> body;    // run in the child instead of a program; then _exit(99)
+  std::function<void()> prepare; // run in the child before the program starts (to change descriptors)
 };
 struct RunResult {
   int status = -1;  // exit status, or 128 + signal

@@ -3,6 +3,10 @@
 // the pending errors are reported.
 #include "platform/core/core.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <vector>
 
@@ -55,6 +59,16 @@ void CoreExit() {
   if (failed) std::_Exit(1);
 }
 
+// A closed standard descriptor would be handed to the next file opened, an image perhaps, and a
+// diagnostic would then be written into that file: each closed one is opened on /dev/null first.
+void KeepStandardDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    // The lowest free descriptor is fd itself; without /dev/null there is no safe way to go on.
+    if (open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY) != fd) _exit(1);
+  }
+}
+
 }  // namespace
 
 void CoreRegisterAfter(const char *, const char *, const char *, CoreConstructor construct,
@@ -63,6 +77,7 @@ void CoreRegisterAfter(const char *, const char *, const char *, CoreConstructor
 }
 
 void CorePreinit(const char *program, const char *, const char *, const char *) {
+  KeepStandardDescriptors();
   Main = program;
   CoreState &s = State();
   if (!s.exit_hook) {

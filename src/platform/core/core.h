@@ -34,6 +34,7 @@ extern const char *Main;
 // Register an object that CoreInit constructs (storing it through object) and process end destroys.
 void CoreRegisterAfter(const char *name, const char *version, const char *notice,
                        CoreConstructor construct, CoreDestructor destruct, void **object);
+// Announces the program; first of all, opens /dev/null on any of descriptors 0, 1, 2 that is closed.
 void CorePreinit(const char *program, const char *version, const char *notice, const char *tag);
 // Register and initialise the listed modules, run the registered callbacks, construct the registered
 // objects, then run the program's callback. Returns the first failing status, 0 on success.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/core/core.h"
+#include "platform/core/escape.h"
 
 namespace {
 
@@ -112,7 +113,8 @@ uint32_t ExceptionGet(uint32_t) { return Stack().empty() ? 0 : Stack().back().co
 
 void ExceptionReport(uint32_t) {
   const char *program = Main ? Main : "zvcompute";
-  for (const PendingError &e : Stack()) std::fprintf(stderr, "%s: %s\n", program, Line(e).c_str());
+  // Messages carry file names, arguments and header texts: escaped, each stays one harmless line.
+  for (const PendingError &e : Stack()) std::fprintf(stderr, "%s: %s\n", program, CoreEscape(Line(e)).c_str());
   std::fflush(stderr);
   Stack().clear();
 }

@@ -23,6 +23,8 @@ ImageioHandle *ImageioNewHandle(const char *path, uint32_t mode, const ImageioPa
   auto *h = new ImageioHandle();
   h->path = path;
   h->fd = -1;
+  h->dir_fd = -1;
+  h->cleanup = -1;
   h->mode = mode;
   h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync | ImageioCapCompress);
   h->in_order = true;
@@ -33,6 +35,7 @@ void ImageioFreeHandle(ImageioHandle *h) {
   if (h->format && h->format->release && h->format_state) h->format->release(h);
   if (h->map) munmap(h->map, h->map_len);
   if (h->fd >= 0) close(h->fd);
+  if (h->dir_fd >= 0) close(h->dir_fd);
   std::free(h->buf);
   std::free(h->format_state);
   auto &live = ImageioLiveHandles();

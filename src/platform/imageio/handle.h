@@ -32,9 +32,14 @@ struct ImageioHandle {
   const ImageioFormat *format;
   void *format_state;  // the format's own state (ImageioFormat::state_bytes, zeroed), or null
   std::string path;    // the name the caller gave
-  std::string target;  // where a created file goes (symbolic links resolved)
-  std::string temp;    // the temporary file of a created image
+  // A created image: the directory it goes into (open from creation to the end), its name there
+  // (after following the destination's symbolic links), and its temporary file's name there.
+  int dir_fd;
+  std::string base;
+  std::string temp;
+  int cleanup;  // its entry in the signal cleanup table, or -1
   int fd;
+  uint32_t lock;  // advisory lock held on an opened file: 0 none, LOCK_SH or LOCK_EX
   uint32_t mode;    // ImageioModeRead, ImageioModeReadWrite or ImageioModeCreate
   uint32_t marked;  // deletion mark
   uint32_t caps;

@@ -19,6 +19,8 @@
 #include "platform/core/errors.h"
 #include "platform/core/types.h"
 #include "platform/imageio/block_access.h"
+#include "platform/imageio/cleanup.h"
+#include "platform/imageio/file_lock.h"
 #include "platform/imageio/format.h"
 #include "platform/imageio/mapping.h"
 #include "platform/imageio/new_file.h"
@@ -56,6 +58,7 @@ uint32_t ImageioRegister() {
     return &(*text += ")");
   }();
   kErrors[E_IMAGEIO_FORMAT - E_IMAGEIO].message = format_text->c_str();
+  ImageioSignalsInstall();
   return ExceptionRegister(kErrors, E_IMAGEIO, E_IMAGEIO_END);
 }
 
@@ -113,6 +116,7 @@ uint32_t OpenFile(ImageioHandle *h, bool rw) {
   if (fstat(h->fd, &st) != 0) return ImageioFailErrno(h, E_IMAGEIO_OPEN, errno);
   if (S_ISDIR(st.st_mode)) return ImageioFailErrno(h, E_IMAGEIO_OPEN, EISDIR);
   if (!S_ISREG(st.st_mode)) return ImageioFail(h, E_IMAGEIO_OPEN, " (not a regular file)");
+  if (uint32_t s = ImageioLockFile(h)) return s;
   fcntl(h->fd, F_SETFL, fcntl(h->fd, F_GETFL) & ~O_NONBLOCK);
   // Blocks are taken in order: a larger read-ahead window for files that are not in the page cache.
   posix_fadvise(h->fd, 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -308,7 +312,7 @@ uint32_t ImageioClose(ImageioHandle *h) {
   if (!h) return 0;
   uint32_t st = 0;
   if (h->mode == ImageioModeCreate) {
-    if (h->marked) ImageioDiscardNewFile(h);
+    if (h->marked) st = ImageioDiscardNewFile(h);
     else st = ImageioCommitNewFile(h, Finish(h));
   } else {
     const bool rewrite = h->mode == ImageioModeReadWrite;

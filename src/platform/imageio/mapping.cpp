@@ -1,8 +1,8 @@
 // Mapped data. Pages of a mapped file that another program truncates (or whose storage cannot be
 // allocated) fault with SIGBUS when touched, wherever the touching code is. The guard turns such a
 // fault inside one of this library's mappings into an error line naming the file, removes the
-// temporary files of images being created, and ends the process with status 1. Other SIGBUS faults
-// go to the previous handler.
+// temporary files of images being created (the cleanup table), and ends the process with status 1.
+// Other SIGBUS faults go to the previous handler.
 //
 // A block handed out from the mapping has its pages made present in one call (far cheaper than one
 // fault per page, and the destination of a new file is written without faults), and they are dropped
@@ -15,26 +15,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 #include "platform/core/core.h"
+#include "platform/core/escape.h"
+#include "platform/imageio/cleanup.h"
 #include "platform/imageio/handle.h"
 
 namespace {
 
 struct sigaction gPrevBus;
 
-void PutText(const char *s) {
-  size_t n = std::strlen(s);
-  while (n > 0) {
-    ssize_t r = write(2, s, n);
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) return;
-    s += r;
-    n -= static_cast<size_t>(r);
-  }
-}
+void PutText(const char *s) { CoreWriteAll(2, s, std::strlen(s)); }
 
 void OnBus(int sig, siginfo_t *info, void *) {
   auto *addr = static_cast<unsigned char *>(info->si_addr);
@@ -52,14 +44,14 @@ void OnBus(int sig, siginfo_t *info, void *) {
   struct stat st;
   const bool created = hit->mode == ImageioModeCreate;
   bool shrank = fstat(hit->fd, &st) == 0 && static_cast<uint64_t>(st.st_size) < hit->map_len;
+  // Files first: the message may meet a closed pipe.
+  ImageioCleanupRun();
   PutText(Main ? Main : "zvcompute");
   PutText(created ? ": write error" : ": read error");
   PutText(shrank ? " (the file shrank while it was mapped): "
                  : created ? " (no storage for the mapped data): " : " (the mapped data could not be read): ");
-  PutText(hit->path.c_str());
+  CoreWriteEscaped(2, hit->path.c_str());
   PutText("\n");
-  for (const ImageioHandle *h : ImageioLiveHandles())
-    if (h->mode == ImageioModeCreate && !h->temp.empty()) unlink(h->temp.c_str());
   _exit(1);
 }
 

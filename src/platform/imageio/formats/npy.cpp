@@ -50,8 +50,9 @@ struct Parser {
     i += n;
     return true;
   }
-  // A non-negative integer (a trailing L of old writers is allowed).
-  bool Integer(uint64_t *v, bool *negative) {
+  // A non-negative integer written as a Python literal: no leading zeros ("02" is not one; "00" is);
+  // a trailing L of old writers is allowed when old_long is.
+  bool Integer(uint64_t *v, bool *negative, bool old_long) {
     Skip();
     *negative = false;
     if (i < s.size() && s[i] == '-') {
@@ -59,13 +60,15 @@ struct Parser {
       ++i;
     }
     if (i >= s.size() || s[i] < '0' || s[i] > '9') return false;
+    const size_t first = i;
     uint64_t x = 0;
     bool overflow = false;
     while (i < s.size() && s[i] >= '0' && s[i] <= '9') {
       overflow |= __builtin_mul_overflow(x, 10, &x) || __builtin_add_overflow(x, static_cast<uint64_t>(s[i] - '0'), &x);
       ++i;
     }
-    if (i < s.size() && s[i] == 'L') ++i;
+    if (s[first] == '0' && x != 0) return false;
+    if (old_long && i < s.size() && s[i] == 'L') ++i;
     *v = overflow ? UINT64_MAX : x;
     return true;
   }
@@ -96,9 +99,11 @@ uint32_t Open(ImageioHandle *h) {
   if (h->size < 10) return Bad(h, "file too short");
   if (uint32_t st = ImageioReadAt(h, 0, pre, h->size < 12 ? 10 : 12)) return st;
   if (std::memcmp(pre, kMagic, sizeof kMagic) != 0) return Bad(h, "bad magic, not an NPY file");
-  uint32_t major = pre[6];
-  if (major < 1 || major > 3)
-    return ImageioFail(h, E_IMAGEIO_HEADER, " (unsupported NPY version ", std::to_string(major).c_str(), ")");
+  uint32_t major = pre[6], minor = pre[7];
+  if (major < 1 || major > 3 || minor != 0)
+    return ImageioFail(h, E_IMAGEIO_HEADER,
+                       (" (unsupported NPY version " + std::to_string(major) + "." + std::to_string(minor) +
+                        "; versions 1.0, 2.0 and 3.0 are read)").c_str());
   uint64_t start = major == 1 ? 10 : 12;
   if (h->size < start) return Bad(h, "file too short");
   uint64_t hlen = major == 1 ? static_cast<uint64_t>(pre[8] | (pre[9] << 8)) : ImageioGet32(pre + 8, false);
@@ -106,6 +111,8 @@ uint32_t Open(ImageioHandle *h) {
   if (start + hlen > h->size) return Bad(h, "header extends past the end of the file");
   std::string text(hlen, '\0');
   if (uint32_t st = ImageioReadAt(h, start, text.data(), hlen)) return st;
+  // NumPy evaluates the header as Python source, which cannot hold a NUL byte anywhere.
+  if (text.find('\0') != std::string::npos) return Bad(h, "NUL byte in the header");
 
   Parser p{text, 0};
   std::string descr;
@@ -128,7 +135,7 @@ uint32_t Open(ImageioHandle *h) {
       while (!p.Eat(')')) {
         uint64_t v;
         bool negative;
-        if (!p.Integer(&v, &negative)) return Bad(h, "'shape' is not a tuple of integers");
+        if (!p.Integer(&v, &negative, major < 3)) return Bad(h, "'shape' is not a tuple of integers");
         if (negative) return Bad(h, "negative axis length in 'shape'");
         shape.push_back(v);
         if (!p.Eat(',')) {
@@ -146,7 +153,6 @@ uint32_t Open(ImageioHandle *h) {
     }
   }
   p.Skip();
-  while (p.i < text.size() && text[p.i] == '\0') ++p.i;
   if (p.i != text.size()) return Bad(h, "text after the dict");
   if (!have_descr || !have_fortran || !have_shape) return Bad(h, "missing key");
 
