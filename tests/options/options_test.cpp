@@ -1,6 +1,6 @@
 // The options module by what a user types: tables of scenarios, each giving declarations, the
 // arguments and environment, and the status, error texts, remaining arguments and stored values
-// expected; then usage texts.
+// expected; then usage texts and the registry of option tables.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -156,6 +156,7 @@ TEST(Options, ValueTypesCountsAndRanges) {
             {"a", "b", "c", "d", "-b", "0"}, {"-", "-", "-"}},  // the error ends the parse
            {SKB, {"-mode", "medium"}, ERR, {"invalid command line option -mode"}, {"medium"}, {"-", "-", "-"}},
            {{"[ mode 2 Keyword ]"}, {"-mode", "fast", "slow"}, PARSE, {"option parse error"}, {"fast", "slow"}, {"-"}},
+           {{"[ b 6 Bool ]"}, {"-b", "on", "off", "t", "n", "1", "false"}, 0, {}, {}, {"1,0,1,0,1,0"}},
            {{"\t[\nmy_opt-2\v3\fReal\r]\n"}, {"-my_opt-2", "1", "2", "3"}, 0, {}, {}, {"1,2,3"}},  // white space of every kind
            {{"[ x 2: Real ]"}, {"-x", "1", "2", "3", "4", "5"}, 0, {}, {}, {"1,2,3,4,5"}},
            {{"[ x = :4 Real ]"}, {"-x=1,2,3,4,5"}, NUM, {"invalid number of option values -x"}, {}, {"-"}},
@@ -275,6 +276,34 @@ TEST(Options, UsageTexts) {
   EXPECT_EXIT(OptionsUsage(empty), testing::ExitedWithCode(1), "^usage: zvcompute\n$");
   EXPECT_EQ(OptionsUsage(nullptr), E_ARGUMENT);
   ExceptionClear();
+}
+
+// The registry is process-wide, so this runs in a child process: a registered table, chained with a
+// second one that has a prefix, is listed in usage lines before the program's own, once; the callback
+// runs the initialisers (default 5), the parses and the finishers (the chained value added).
+uint32_t InitBlock(void *block, uint64_t size, void **) { return std::memset(block, 0, size), static_cast<uint64_t *>(block)[1] = 5, 0; }
+void *Finish(void *chained, void *block, uint64_t, void *) {
+  static uint64_t results[2];
+  return &(results[chained != nullptr] = static_cast<uint64_t *>(block)[1] + (chained ? *static_cast<uint64_t *>(chained) : 0));
+}
+
+TEST(Options, Registry) {
+  EXPECT_EXIT(([] {
+                static uint64_t b1[2], b2[2];
+                static const OptionEntry q[] = {{nullptr, &b1[1], nullptr, nullptr, "[ q Size ]"}, kEnd},
+                                         r[] = {{nullptr, &b2[1], nullptr, nullptr, "r Size"}, kEnd},
+                                         program[] = {{nullptr, nullptr, nullptr, nullptr, "[ h ]"}, kEnd};
+                static const OptionPrefix pre{"x", 0};
+                OptionRegistration *rq = OptionsRegister(q, InitBlock, Finish, b1, 16, nullptr);
+                void *result = &b1;
+                OptionsChain(rq, OptionsRegister(r, InitBlock, Finish, b2, 16, &pre), &result);
+                Args a({"-xr", "2"});
+                const bool ok = OptionsCallback(rq) == 0 && *static_cast<uint64_t *>(result) == 7 && a.Left().empty();
+                std::string first, second;
+                OptionsUsageLine(program, &first), OptionsUsageLine(program, &second);
+                std::fprintf(stderr, "%s|%s|%d", first.c_str(), second.c_str(), ok), std::exit(0);
+              }()),
+              testing::ExitedWithCode(0), "^ \\[-q <i>\\] -xr <i> \\[-h\\]\\| \\[-h\\]\\|1$");
 }
 
 }  // namespace

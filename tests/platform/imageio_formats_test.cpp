@@ -53,6 +53,11 @@ TEST_F(ImageioTest, EveryTypeAndShapeInEveryFormat) {
           EXPECT_EQ(ListDir(dir.path), std::vector<std::string>{std::string("a.") + format});
           std::remove(path.c_str());
         }
+  // Lengths the MRC header cannot hold: nx, or nz = axis 2 x axis 3.
+  for (Dims big : {Dims{1ull << 31, 1}, Dims{2, 2, 1u << 16, 1u << 15}}) {
+    EXPECT_FALSE(WriteImage(dir / "x.mrc", TypeUint8, big, nullptr));
+    ExpectError(E_IMAGEIO_SIZE);
+  }
 }
 
 template <class T> std::string Swapped(const std::vector<T> &v) {  // big-endian bytes
@@ -119,9 +124,11 @@ TEST_F(ImageioTest, NativeFileLayoutGeometryAndHistory) {
   ASSERT_TRUE(WriteImage(dir / "a.zv", TypeInt16, {3, 2}, v, ImageioParamDefault, &g, 10));
   std::string s = ReadFileBytes(dir / "a.zv");
   EXPECT_EQ(s.substr(0, 8), std::string("\x89ZVIMG\r\n"));
-  // version, type, attr, axes, lengths, data offset, data size; then the data
-  for (auto [off, want] : {std::pair{8, 1u}, {12, TypeInt16}, {16, 10u}, {20, 2u}, {24, 3u}, {32, 2u}, {56, 4096u}, {64, 12u}})
+  // version, type, attr, axes, lengths, data offset, data size, space group, axis order; then the data
+  for (auto [off, want] : {std::pair{8, 1u}, {12, TypeInt16}, {16, 10u}, {20, 2u}, {24, 3u}, {32, 2u}, {56, 4096u}, {64, 12u},
+                           {76, 401u}, {128, 2u}})
     EXPECT_EQ(Get(s, off), want) << off;
+  EXPECT_TRUE(Get<double>(s, 80) == 1.5 && Get<double>(s, 120) == 7);  // voxel size, origin
   EXPECT_EQ(s.substr(4096), Bytes(v));
   // Each copy of the previous file adds a history line; only the last ten stay.
   for (int i = 0; i < 12; ++i) {
