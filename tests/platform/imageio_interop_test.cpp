@@ -33,7 +33,7 @@ TEST_F(ImageioTest, InteropWithNumpyAndMrcfile) {
   // Files we write, every numpy-compatible type and 1-4 axes; finite floats with a non-zero mean
   // so that the MRC statistics are checked for real.
   std::string ours;
-  ImageioGeometry g{{1.5, 2.0, 2.5}, {-4.0, 8.5, 0.25}, {1, 2, 3}, 0};
+  ImageioGeometry g{{1.5, 2.0, 2.5}, {-4.0, 8.5, 0.25}, {1, 2, 3}, 0, {10, -20, 30}};
   ImageioSetHistory("zvcompute interop test");
   int k = 0;
   for (uint32_t type : kAllTypes) {
@@ -77,7 +77,7 @@ for line in open('ours.txt'):
         if t == 'uint8': d = d.view(np.uint8)  # mrcfile ignores the signed-bytes flag
         exp = want.reshape(1, shape[0]) if len(shape) == 1 else want
         ok = ok and d.shape == exp.shape and np.array_equal(d, exp) and (len(shape) < 4 or h.ispg == 401)
-        ok = ok and m.voxel_size.item() == (1.5, 2.0, 2.5) and h.origin.item() == (-4.0, 8.5, 0.25)
+        ok = ok and m.voxel_size.item() == (1.5, 2.0, 2.5) and h.origin.item() == (-4.0, 8.5, 0.25) and h.nxstart == 10 and h.nystart == -20 and h.nzstart == 30
         ok = ok and h.nlabl == 1 and m.get_labels()[0].startswith('zvcompute interop test')
         if t == 'uint8' and d.max() > 127: ok = ok and h.dmax < h.dmin
         elif not np.iscomplexobj(d):

@@ -99,7 +99,7 @@ TEST_F(ImageioTest, MrcAxesSpaceGroupAndGeometry) {
                         {{5, 4, 3}, 19, 3, 3, 19},    // a volume keeps its space group
                         {{5, 4, 3, 2}, -1, 6, 3, 401}, {{5, 4, 3, 2}, 419, 6, 3, 419}, {{5, 4, 1, 3}, 1, 3, 1, 401}};
   for (const Case &c : cases) {
-    ImageioGeometry g{{1.25, 2.5, 4.0}, {-3.5, 0.25, 100}, {3, 1, 2}, c.sg_in};
+    ImageioGeometry g{{1.25, 2.5, 4.0}, {-3.5, 0.25, 100}, {3, 1, 2}, c.sg_in, {-7, 0, 12}};
     auto data = Pattern(TypeInt16, Count(c.dims));
     ASSERT_TRUE(WriteWith(dir / "g.mrc", TypeInt16, c.dims, data.data(), ImageioParamDefault, c.sg_in >= 0 ? &g : nullptr));
     std::string s = ReadFileBytes(dir / "g.mrc");
@@ -111,9 +111,10 @@ TEST_F(ImageioTest, MrcAxesSpaceGroupAndGeometry) {
     auto *r = reinterpret_cast<const ImageioGeometry *>(d.geom);
     ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->spacegroup, static_cast<int32_t>(c.ispg));
-    const ImageioGeometry none{{0, 0, 0}, {0, 0, 0}, {1, 2, 3}, 0}, &want = c.sg_in >= 0 ? g : none;
+    const ImageioGeometry none{{0, 0, 0}, {0, 0, 0}, {1, 2, 3}, 0, {0, 0, 0}}, &want = c.sg_in >= 0 ? g : none;
     for (int i = 0; i < 3; ++i)
-      EXPECT_TRUE(r->voxel[i] == want.voxel[i] && r->origin[i] == want.origin[i] && r->axisorder[i] == want.axisorder[i]) << i;
+      EXPECT_TRUE(r->voxel[i] == want.voxel[i] && r->origin[i] == want.origin[i] && r->axisorder[i] == want.axisorder[i] &&
+                  r->start[i] == want.start[i] && Get<int32_t>(s, 16 + 4 * i) == want.start[i]) << i;
     EXPECT_TRUE(c.sg_in < 0 || (Get<float>(s, 40) == 1.25f * 5 && Get<float>(s, 48) == 4.0f * static_cast<float>(c.mz)));  // cell
     ImageioClose(h);
   }

@@ -136,6 +136,7 @@ uint32_t Open(ImageioHandle *h) {
     h->geom.voxel[i] = m[i] > 0 ? static_cast<double>(cell) / m[i] : 0.0;
     h->geom.origin[i] = ImageioGetF32(hd + kOrigin + 4 * i, big);
     h->geom.axisorder[i] = I32(hd, kMapc + 4 * i, big);
+    h->geom.start[i] = I32(hd, kStart + 4 * i, big);
   }
   h->geom.spacegroup = ispg;
   int32_t nlabl = std::clamp<int32_t>(I32(hd, kNlabl, big), 0, kLabelCount);
@@ -234,6 +235,7 @@ uint32_t Create(ImageioHandle *h) {
     ImageioPutF32(hd + kCellb + 4 * i, 90.0f, false);
     ImageioPut32(hd + kMapc + 4 * i, static_cast<uint32_t>(order[i]), false);
     ImageioPutF32(hd + kOrigin + 4 * i, h->has_geom ? static_cast<float>(h->geom.origin[i]) : 0.0f, false);
+    ImageioPut32(hd + kStart + 4 * i, h->has_geom ? static_cast<uint32_t>(h->geom.start[i]) : 0, false);
   }
   PutNoStats(hd, false);
   ImageioPut32(hd + kIspg, static_cast<uint32_t>(ispg), false);
