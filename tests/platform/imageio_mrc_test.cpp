@@ -223,20 +223,28 @@ TEST_F(ImageioTest, MrcBigEndianAndConvertedModes) {
 }
 
 TEST_F(ImageioTest, MrcExtendedHeaderAndOldStyleFiles) {
-  std::string s = Header(2, 2, 1, 2, false, std::string(200, 'x') + Bytes(std::vector<float>{1, 2, 3, 4}));
+  std::string s = Header(2, 2, 1, 2, false, std::string(202, 'x') + Bytes(std::vector<float>{1, 2, 3, 4}));
   Put32(s, 88, 0);
-  Put32(s, 92, 200);
+  Put32(s, 92, 202);
   s.replace(104, 4, "SERI");
+  Put32(s, 128, 0x00040002);  // nint, nreal
   WriteFileBytes(dir / "x.mrc", s);
   ImageDesc d{};
   ImageioHandle *src = OpenRead(dir / "x.mrc", &d);
   ASSERT_NE(src, nullptr) << LastError();
   EXPECT_EQ(ReadBlock(src, TypeReal32, 0, 4), std::vector<unsigned char>(s.end() - 16, s.end()));
-  // A copy does not carry the extended header along.
-  ASSERT_TRUE(WriteWith(dir / "y.mrc", TypeReal32, {2, 2}, s.data() + 1224, ImageioParamDefault, reinterpret_cast<const ImageioGeometry *>(d.geom)));
+  // A copy carries it along with its type and record sizes, padded so that the data stays aligned;
+  // a copy of another format does not.
+  const auto *geom = reinterpret_cast<const ImageioGeometry *>(d.geom);
+  ASSERT_TRUE(WriteWith(dir / "y.mrc", TypeReal32, {2, 2}, s.data() + 1226, ImageioParamDefault, geom));
+  ASSERT_TRUE(WriteWith(dir / "y.npy", TypeReal32, {2, 2}, s.data() + 1226, ImageioParamDefault, geom));
+  ASSERT_TRUE(WriteWith(dir / "y2.mrc", TypeUint8, {2, 2}, "abcd", ImageioParamDefault, geom));
   ImageioClose(src);
   std::string o = ReadFileBytes(dir / "y.mrc");
-  EXPECT_TRUE(o.size() == 1024 + 16 && Get(o, 92) == 0) << o.size();
+  EXPECT_EQ(o.substr(1024), s.substr(1024, 202) + std::string(2, '\0') + s.substr(1226)) << o.size();
+  EXPECT_TRUE(Get(o, 92) == 204 && o.substr(104, 4) == "SERI" && Get(o, 128) == 0x00040002u);
+  EXPECT_EQ(ReadFileBytes(dir / "y2.mrc").substr(1024), s.substr(1024, 202) + "abcd");
+  EXPECT_EQ(ReadImage(dir / "y.mrc").as<float>(), (std::vector<float>{1, 2, 3, 4}));
   // No "MAP " stamp: recognised by a header that matches the file size exactly.
   std::string old = Header(3, 2, 1, 1, false, std::string(12, '\x01')).replace(208, 8, std::string(8, '\0'));
   WriteFileBytes(dir / "old.dat", old);

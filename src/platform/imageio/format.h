@@ -30,10 +30,11 @@ struct ImageioFormat {
   uint32_t (*open)(ImageioHandle *h);
   // Refuse a description the format cannot hold, before anything is created.
   uint32_t (*check)(ImageioHandle *h);
-  // Lay out a new file: set data_offset and prepare the header (written by write_header).
+  // Lay out a new file: set data_offset and prepare the header (written by write_header). Metadata
+  // the format keeps of its own may come from h->source when that is a file of the same format.
   uint32_t (*create)(ImageioHandle *h);
-  // Write the header of a new file (at creation), of a file about to be rewritten in place, or of
-  // either at its close (final = true).
+  // Write the header of a new file (at creation, while h->source is still set), of a file about to
+  // be rewritten in place, or of either at its close (final = true).
   uint32_t (*write_header)(ImageioHandle *h, bool final);
 
   bool keeps_stats;    // header statistics accumulated as blocks are written

@@ -45,6 +45,10 @@ struct ImageioHandle {
   bool has_geom;
   ImageioGeometry geom;
   std::vector<std::string> history;  // oldest first
+  // While a new image is being created: the open image whose geometry it takes (its description's
+  // geometry word points into that image's handle), or null. A format may carry metadata of its own
+  // from a source of the same format; history goes on with any source.
+  ImageioHandle *source;
 
   // Storage.
   uint64_t data_offset;

@@ -247,9 +247,11 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
   if (desc->geom) {
     h->has_geom = true;
     h->geom = *reinterpret_cast<const ImageioGeometry *>(desc->geom);
-    // The history of the image the geometry comes from goes on with the new image.
+    // The image the geometry comes from: its history goes on with the new image, and its format may
+    // hand on metadata of its own (read while the new file is laid out, so only until it is created).
     for (ImageioHandle *src : ImageioLiveHandles())
-      if (reinterpret_cast<uint64_t>(&src->geom) == desc->geom) h->history = src->history;
+      if (reinterpret_cast<uint64_t>(&src->geom) == desc->geom) h->source = src;
+    if (h->source) h->history = h->source->history;
   }
   const ImageioFormat *f = param->format ? NamedFormat(h, param->format) : ImageioFormatForNewFile(h->path);
   if (!f || ImageioSetFormat(h, f) || f->check(h)) return fail();
@@ -261,6 +263,7 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
   }
   if (ImageioNewFileReserve(h, end) || f->write_header(h, false)) return fail();
   if ((h->caps & ImageioCapMmap) && bytes > 0) ImageioMapFile(h, end, true);
+  h->source = nullptr;
   h->marked = (param->flags & ImageioFlagDel) ? 1 : 0;
   ImageioLiveHandles().push_back(h);
   return h;
