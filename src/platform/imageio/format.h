@@ -43,7 +43,7 @@ struct ImageioFormat {
 };
 
 // The registry (and ImageioFormatName of imageio.h). By name: null when no format has it. For a new file: the format whose extension ends
-// the name (any case), else the first format of the registry. Detection: null when none recognises
+// the name (any case; the name before a final ".gz" for a compressed file), else the first format of the registry. Detection: null when none recognises
 // the bytes.
 const ImageioFormat *ImageioFormatByName(const char *name);
 const ImageioFormat *ImageioFormatForNewFile(const std::string &path);

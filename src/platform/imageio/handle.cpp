@@ -12,6 +12,7 @@
 
 #include "platform/core/errors.h"
 #include "platform/imageio/format.h"
+#include "platform/imageio/gzip.h"
 
 std::vector<ImageioHandle *> &ImageioLiveHandles() {
   // Images are closed at process end, after static objects may have been destroyed: never destroyed.
@@ -24,7 +25,7 @@ ImageioHandle *ImageioNewHandle(const char *path, uint32_t mode, const ImageioPa
   h->path = path;
   h->fd = -1;
   h->mode = mode;
-  h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync);
+  h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync | ImageioCapHalf);
   h->in_order = true;
   return h;
 }
@@ -32,6 +33,7 @@ ImageioHandle *ImageioNewHandle(const char *path, uint32_t mode, const ImageioPa
 void ImageioFreeHandle(ImageioHandle *h) {
   if (h->map) munmap(h->map, h->map_len);
   if (h->fd >= 0) close(h->fd);
+  ImageioGzipFree(h);
   std::free(h->buf);
   std::free(h->format_state);
   auto &live = ImageioLiveHandles();
@@ -74,6 +76,14 @@ uint32_t ImageioCheckSize(ImageioHandle *h) {
 }
 
 uint32_t ImageioReadAt(ImageioHandle *h, uint64_t offset, void *dst, uint64_t n) {
+  if (h->gz) {
+    uint64_t got;
+    if (uint32_t st = ImageioGzipRead(h, offset, dst, n, &got)) return st;
+    if (got == n) return 0;
+    return ImageioFail(h, E_IMAGEIO_READ,
+                       (" (the gzip stream ends early: " + std::to_string(offset + n) + " bytes needed, " +
+                        std::to_string(offset + got) + " found)").c_str());
+  }
   auto *p = static_cast<unsigned char *>(dst);
   while (n > 0) {
     size_t chunk = static_cast<size_t>(std::min<uint64_t>(n, 1u << 30));

@@ -12,6 +12,7 @@
 inline constexpr uint32_t ImageioCapMmap = 1;  // memory-mapped data access
 inline constexpr uint32_t ImageioCapRead = 2;  // plain reads and writes through one reusable buffer
 inline constexpr uint32_t ImageioCapSync = 4;  // flush to stable storage before the rename / at close
+inline constexpr uint32_t ImageioCapHalf = 8;  // real32 stored as binary16 (formats that have it)
 
 // How stored elements become the elements callers see.
 enum ImageioConv : uint32_t {
@@ -22,6 +23,7 @@ enum ImageioConv : uint32_t {
 };
 
 struct ImageioFormat;
+struct ImageioGzip;
 
 struct ImageioHandle {
   const ImageioFormat *format;
@@ -33,7 +35,9 @@ struct ImageioHandle {
   uint32_t mode;    // ImageioModeRead, ImageioModeReadWrite or ImageioModeCreate
   uint32_t marked;  // deletion mark
   uint32_t caps;
-  uint64_t size;  // file size (opened files)
+  uint64_t size;  // file size (opened files); UINT64_MAX for a compressed file (known at its end)
+  ImageioGzip *gz;  // the inflate stream that reads a compressed file, or null
+  bool gzip_out;    // a new file compressed when it is put in place
 
   // The image as callers see it.
   uint64_t dim;

@@ -118,9 +118,11 @@ uint32_t Open(ImageioHandle *h) {
       return ImageioFail(h, E_IMAGEIO_HEADER, " (unknown MRC mode ", std::to_string(mode).c_str(), ")");
   }
   h->file_esize = ModeBytes(mode);
-  if (h->mode == 2 && (mode == 3 || mode == 12))
-    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC mode ", std::to_string(mode).c_str(),
-                       " is read only here; write the result to a new file)");
+  if (h->mode == 2 && mode == 3)
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC mode 3 is read only here; write the result to a new file)");
+  if (h->mode == 2 && mode == 12 && !(h->caps & ImageioCapHalf))
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC mode 12 holds binary16 values: rewrite it in place with -cap half, "
+                                          "which rounds the results to binary16, or write a new file)");
 
   int32_t m[3] = {I32(hd, kMx, big), I32(hd, kMy, big), I32(hd, kMz, big)};
   int32_t ispg = I32(hd, kIspg, big);
@@ -190,6 +192,10 @@ uint32_t Check(ImageioHandle *h) {
   if (ModeOf(h->type) < 0)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC files cannot hold ", TypeIdent(h->type),
                        " data; write a .npy file or the native format instead)");
+  if (h->caps & ImageioCapHalf) {  // real32 as mode 12
+    h->conv = ImageioConvHalf;
+    h->file_esize = 2;
+  }
   uint64_t n[3], mz;
   int32_t ispg;
   Layout(h, n, &mz, &ispg);
@@ -254,11 +260,10 @@ uint32_t Create(ImageioHandle *h) {
   std::memset(hd, 0, 1024);
   h->data_offset = 1024 + CarryExtended(h, hd);
   h->big_endian = false;
-  h->conv = ImageioConvNone;
   uint64_t n[3], mz;
   int32_t ispg;
   Layout(h, n, &mz, &ispg);
-  int32_t mode = ModeOf(h->type);
+  int32_t mode = h->conv == ImageioConvHalf ? 12 : ModeOf(h->type);
   for (int i = 0; i < 3; ++i) ImageioPut32(hd + kNx + 4 * i, static_cast<uint32_t>(n[i]), false);
   ImageioPut32(hd + kMode, static_cast<uint32_t>(mode), false);
   uint64_t m[3] = {n[0], n[1], mz};

@@ -164,8 +164,9 @@ uint32_t Open(ImageioHandle *h) {
     if (!h->big_endian) h->conv = ImageioConvNone;
   }
   h->file_esize = d->conv == ImageioConvHalf ? 2 : TypeSize(d->type);
-  if (h->mode == 2 && d->conv == ImageioConvHalf)
-    return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY float16 data is read only here; write the result to a new file)");
+  if (h->mode == 2 && d->conv == ImageioConvHalf && !(h->caps & ImageioCapHalf))
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY float16 data: rewrite it in place with -cap half, which rounds the "
+                                          "results to binary16, or write a new file)");
 
   // Leading axes of length 1 beyond the fourth carry nothing.
   size_t first = 0;
@@ -192,11 +193,16 @@ uint32_t Check(ImageioHandle *h) {
   if (h->type == TypeImag32 || h->type == TypeImag64)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY files cannot hold ", TypeIdent(h->type),
                        " data; use the native format: -fmt zv, or a file name without .npy)");
+  if (h->caps & ImageioCapHalf) {  // real32 as <f2
+    h->conv = ImageioConvHalf;
+    h->file_esize = 2;
+  }
   return 0;
 }
 
-const char *DescrOf(uint32_t type) {
-  switch (type) {
+const char *DescrOf(const ImageioHandle *h) {
+  if (h->conv == ImageioConvHalf) return "<f2";
+  switch (h->type) {
     case TypeUint8: return "|u1";
     case TypeUint16: return "<u2";
     case TypeUint32: return "<u4";
@@ -220,7 +226,7 @@ std::string Header(const ImageioHandle *h) {
     if (k > 0) shape += ", ";
   }
   shape += h->dim == 1 ? ",)" : ")";
-  std::string dict = std::string("{'descr': '") + DescrOf(h->type) + "', 'fortran_order': False, 'shape': " + shape + ", }";
+  std::string dict = std::string("{'descr': '") + DescrOf(h) + "', 'fortran_order': False, 'shape': " + shape + ", }";
   uint64_t pre = 10;
   uint64_t total = (pre + dict.size() + 1 + 63) / 64 * 64;
   if (total - pre > 65535) {
@@ -245,7 +251,6 @@ std::string Header(const ImageioHandle *h) {
 
 uint32_t Create(ImageioHandle *h) {
   h->data_offset = Header(h).size();
-  h->conv = ImageioConvNone;
   return 0;
 }
 
