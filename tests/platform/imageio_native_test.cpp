@@ -212,7 +212,7 @@ TEST_F(ImageioTest, CapabilityAndFormatNames) {
   EXPECT_NE(ImageioCapCheck("mmap"), ImageioCapCheck("read"));
   EXPECT_NE(ImageioCapCheck("mmap,sync"), ImageioCapCheck("mmap"));
   EXPECT_EQ(ImageioCapCheck("read,sync"), ImageioCapCheck("sync,read"));
-  for (const char *ok : {"mmap", "read", "sync"}) EXPECT_NE(ImageioCapCheck(ok), 0u) << ok;
+  for (const char *ok : {"mmap", "read", "sync", "half"}) EXPECT_NE(ImageioCapCheck(ok), 0u) << ok;
   for (const char *bad : {"", "fast", "mmap,read", "mmap,", ",sync", "MMAP", "mmap sync"}) EXPECT_EQ(ImageioCapCheck(bad), 0u) << bad;
   EXPECT_EQ(ImageioCapCheck(nullptr), 0u);
   for (const char *ok : {"zv", "mrc", "npy"}) EXPECT_EQ(ImageioFormatCheck(ok), 0u) << ok;
@@ -221,7 +221,8 @@ TEST_F(ImageioTest, CapabilityAndFormatNames) {
   // Writing picks the format from the name unless forced ("l" and "m"); reading goes by the content.
   std::pair<const char *, const char *> cases[] = {
       {"a.MRC", "mrc"}, {"b.mrcs", "mrc"}, {"c.map", "mrc"}, {"d.rec", "mrc"}, {"e.st", "mrc"}, {"f.ali", "mrc"},
-      {"g.ccp4", "mrc"}, {"h.npy", "npy"}, {"i.Npy", "npy"}, {"j.img", "zv"}, {"k", "zv"}, {"l.npy", "zv"}, {"m.zv", "mrc"}};
+      {"g.ccp4", "mrc"}, {"h.npy", "npy"}, {"i.Npy", "npy"}, {"j.img", "zv"}, {"k", "zv"}, {"l.npy", "zv"}, {"m.zv", "mrc"},
+      {"n.Map.GZ", "mrc"}, {"o.npy.gz", "npy"}, {"p.gz", "zv"}};  // compressed, read through gzip
   for (auto [name, expect] : cases) {
     WriteImage(dir / name, TypeInt16, {2}, std::vector<int16_t>{1, 2}, 0, name[0] == 'l' ? "zv" : name[0] == 'm' ? "mrc" : nullptr);
     ImageDesc d{};
@@ -229,6 +230,7 @@ TEST_F(ImageioTest, CapabilityAndFormatNames) {
     ImageioHandle *h = OpenRead(dir / name, &d);
     ASSERT_EQ(h ? ImageioGetMeta(h, &meta) : 1u, 0u) << name << LastError();
     EXPECT_STREQ(meta.format, expect) << name;
+    EXPECT_EQ(ReadFileBytes(dir / name).substr(0, 2) == "\x1f\x8b", name[0] >= 'n') << name;
     ImageioClose(h);
   }
   ExpectOpenFails(dir / "j.img", E_IMAGEIO_HEADER, "MRC", "mrc");
