@@ -98,10 +98,12 @@ def note(name, a, code, geom, axes):
     out.write(' '.join([name, label[code]] + [repr(float(x)) for x in geom] + [str(x) for x in axes]) + '\n')
 k = 0
 for code in label:
-    for shape in [(5,), (3, 4), (2, 3, 4), (2, 2, 3, 4), ()]:
+    # 0-d: one element; more than four axes: those of length 1 dropped, then the slowest folded.
+    for shape, axes in [((5,), [5]), ((3, 4), [4, 3]), ((2, 3, 4), [4, 3, 2]), ((2, 2, 3, 4), [4, 3, 2, 2]), ((), [1]),
+                        ((2, 1, 3, 1, 2, 2), [2, 2, 3, 2]), ((2, 3, 2, 2, 2), [2, 2, 2, 6])]:
         a = values(shape, code)
         for b in [a] + [a.astype('>' + code)] * (code not in ('u1', 'i1', 'b1')) + [np.asfortranarray(a)] * (len(shape) > 1):
-            k += 1; np.save('n%d.npy' % k, b); note('n%d.npy' % k, a, code, (0,) * 6, list(reversed(shape)) or [1])
+            k += 1; np.save('n%d.npy' % k, b); note('n%d.npy' % k, a, code, (0,) * 6, axes)
 for code in ['i1', 'i2', 'f4', 'c8', 'u2', 'f2']:
     for shape, axes in [((3, 4), [4, 3]), ((2, 3, 4), [4, 3, 2]), ((2, 3, 4), None), ((2, 3, 3, 4), [4, 3, 3, 2])]:
         for order in '<>':

@@ -61,6 +61,9 @@ struct ImageioHandle {
   uint32_t swap_unit;   // component size for ImageioConvSwap (and swapped halves / int16 pairs)
   bool big_endian;      // stored data big-endian (and an MRC header, which shares its order)
   bool fortran;         // stored with the axes reversed (column-major array)
+  // The stored array's axis lengths in image order when they are not the image's: more than four
+  // axes, the slowest of which the image folds into its axis 3. Empty otherwise.
+  std::vector<uint64_t> stored_len;
 
   // Data access.
   unsigned char *map;  // whole file mapped, or null

@@ -128,31 +128,31 @@ void ConvertIn(const ImageioHandle *h, const unsigned char *src, unsigned char *
 }
 
 // Strides of the stored (axis-reversed) layout for each image axis, in stored elements.
-void FortranStrides(const ImageioHandle *h, uint64_t stride[4]) {
-  uint64_t s = 1;
-  for (int64_t k = static_cast<int64_t>(h->dim) - 1; k >= 0; --k) {
-    stride[k] = s;
-    s *= h->len[k];
-  }
-}
+// The axes of an opened image have fewer than 2^64 elements: at most 63 of them are longer than 1.
+constexpr size_t kMaxAxes = 64;
 
 // Walk image elements first .. first+count-1 of an axis-reversed file, calling f(element, stored index).
 template <class F>
 void FortranWalk(const ImageioHandle *h, uint64_t first, uint64_t count, F f) {
-  uint64_t stride[4] = {0, 0, 0, 0}, idx[4] = {0, 0, 0, 0};
-  FortranStrides(h, stride);
+  const bool stored = !h->stored_len.empty();
+  const uint64_t *len = stored ? h->stored_len.data() : h->len, n = stored ? h->stored_len.size() : h->dim;
+  uint64_t stride[kMaxAxes], idx[kMaxAxes], s = 1;
+  for (uint64_t k = n; k-- > 0;) {
+    stride[k] = s;
+    s *= len[k];
+  }
   uint64_t rest = first, off = 0;
-  for (uint64_t k = 0; k < h->dim; ++k) {
-    idx[k] = rest % h->len[k];
-    rest /= h->len[k];
+  for (uint64_t k = 0; k < n; ++k) {
+    idx[k] = rest % len[k];
+    rest /= len[k];
     off += idx[k] * stride[k];
   }
   for (uint64_t e = 0; e < count; ++e) {
     f(e, off);
-    for (uint64_t k = 0; k < h->dim; ++k) {
+    for (uint64_t k = 0; k < n; ++k) {
       off += stride[k];
-      if (++idx[k] < h->len[k]) break;
-      off -= stride[k] * h->len[k];
+      if (++idx[k] < len[k]) break;
+      off -= stride[k] * len[k];
       idx[k] = 0;
     }
   }
