@@ -7,10 +7,11 @@ The image files are made by the built tool from small NumPy arrays (written here
 every format the tool knows (the list its "unknown file format" error gives), every element type the
 format holds and every axis count. They are then varied at the byte level where the tool only writes
 one form: big-endian MRC and NPY, NPY versions 2 and 3, column-major NPY, MRC with an extended header,
-old-style MRC, MRC modes 3 and 12.
+old-style MRC, MRC modes 3 and 12, and gzip-compressed files.
 Only the standard library is used. Existing files of the same name are replaced; regression files
 (crash-*) are left alone.
 """
+import gzip
 import os
 import shutil
 import struct
@@ -159,6 +160,12 @@ def main():
                           "npy": ["v2.npy", "big_f4.npy", "fortran.npy", "half.npy"]}.items():
         for name in names:
             save("auto", name, read(os.path.join(OUT, target, name)))
+
+    # Compressed files, read through the inflate stream: one gzip member, and two in a row.
+    for target, name in [("mrc", "real32_4d.mrc"), ("npy", "v2.npy"), ("zv", "uint8_2d.img")]:
+        data = read(os.path.join(OUT, target, name))
+        save("auto", name + ".gz", gzip.compress(data, mtime=0))
+        save("auto", "two_" + name + ".gz", gzip.compress(data[:700], mtime=0) + gzip.compress(data[700:], mtime=0))
 
     # Argument vectors: arguments separated by zero bytes.
     args = {
