@@ -2,8 +2,8 @@
 # Installs the Debian packages that building and testing need (and any named as arguments), when any
 # is missing.
 set -euo pipefail
-need=(cmake g++ make libgtest-dev python3 python3-numpy python3-mrcfile python3-tifffile libtiff-dev libtiff-tools
-  man-db groff-base bsdutils bash-completion parallel "$@")
+need=(cmake g++ make libgtest-dev zlib1g-dev python3 python3-numpy python3-mrcfile python3-gemmi python3-tifffile
+  libtiff-dev libtiff-tools man-db groff-base bsdutils bash-completion parallel "$@")
 missing=()
 for p in "${need[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

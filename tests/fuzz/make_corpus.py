@@ -7,11 +7,11 @@ The image files are made by the built tool from small NumPy arrays (written here
 every format the tool knows (the list its "unknown file format" error gives), every element type the
 format holds and every axis count. They are then varied at the byte level where the tool only writes
 one form: big-endian MRC and NPY, NPY versions 2 and 3, column-major NPY, MRC with an extended header,
-old-style MRC, MRC modes 3 and 12.
+old-style MRC, MRC modes 3 and 12, and gzip-compressed files.
 Only the standard library is used. Existing files of the same name are replaced; regression files
 (crash-*) are left alone.
 """
-import os, shutil, struct, subprocess, sys, tempfile
+import gzip, os, shutil, struct, subprocess, sys, tempfile
 
 ZV = sys.argv[1]
 OUT = sys.argv[2] if len(sys.argv) > 2 else os.path.join(os.path.dirname(__file__), "corpus")
@@ -116,6 +116,11 @@ for target, names in {"zv": ["real32_2d.img", "cmplx64_2d.img", "uint8_2d.img"],
                       "npy": ["v2.npy", "big_f4.npy", "fortran.npy", "half.npy"]}.items():
     for name in names:
         save("auto", name, read(os.path.join(OUT, target, name)))
+# Compressed files, read through the inflate stream: one gzip member, and two in a row.
+for target, name in [("mrc", "real32_4d.mrc"), ("npy", "v2.npy"), ("zv", "uint8_2d.img")]:
+    data = read(os.path.join(OUT, target, name))
+    save("auto", name + ".gz", gzip.compress(data, mtime=0))
+    save("auto", "two_" + name + ".gz", gzip.compress(data[:700], mtime=0) + gzip.compress(data[700:], mtime=0))
 
 # Argument vectors (arguments separated by zero bytes) and option declarations.
 for name, a in {"switch": "-h", "seed": "-seed 42 out.img = a.img + 1", "seed_huge": "-seed 18446744073709551615",

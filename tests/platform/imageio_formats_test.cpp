@@ -119,7 +119,7 @@ TEST_F(ImageioTest, NpyHeadersOfOtherWriters) {
 
 TEST_F(ImageioTest, NativeFileLayoutGeometryAndHistory) {
   const std::vector<int16_t> v = {1, -2, 3, -4, 5, -6};
-  ImageioGeometry g{{1.5, 2.5, 3.5}, {-1, 0, 7}, {2, 1, 3}, 401};
+  ImageioGeometry g{{1.5, 2.5, 3.5}, {-1, 0, 7}, {2, 1, 3}, 401, {-5, 0, 1 << 30}};
   ImageioSetHistory("first\tcommand");
   ASSERT_TRUE(WriteImage(dir / "a.zv", TypeInt16, {3, 2}, v, ImageioParamDefault, &g, 10));
   std::string s = ReadFileBytes(dir / "a.zv");
@@ -136,7 +136,8 @@ TEST_F(ImageioTest, NativeFileLayoutGeometryAndHistory) {
     ImageioHandle *src = OpenRead(dir / "a.zv", &d);
     ASSERT_NE(src, nullptr);
     auto *r = reinterpret_cast<const ImageioGeometry *>(d.geom);
-    ASSERT_TRUE(r && r->voxel[2] == 3.5 && r->origin[0] == -1.0 && r->axisorder[0] == 2 && r->spacegroup == 401);
+    ASSERT_TRUE(r && r->voxel[2] == 3.5 && r->origin[0] == -1.0 && r->axisorder[0] == 2 && r->spacegroup == 401 && r->start[0] == -5 &&
+                r->start[2] == 1 << 30);
     void *b = ImageioBeginRead(src, 0, 6);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(b) % 64, 0u);  // mapped data suits any element type
     ImageioEndRead(src, 0, 6, b);

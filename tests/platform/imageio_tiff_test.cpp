@@ -24,7 +24,7 @@ uint32_t Invert(const std::string &path, uint64_t first, uint64_t n) {
 }
 
 TEST_F(ImageioTest, TiffRoundTripEveryTypeShapeAndCompression) {
-  const ImageioGeometry g{{1.5, 2.25, 3.0}, {0, 0, 0}, {1, 2, 3}, 0};
+  const ImageioGeometry g{{1.5, 2.25, 3.0}, {0, 0, 0}, {1, 2, 3}, 0, {0, 0, 0}};
   ImageioSetHistory("zvcompute tiff test");
   for (const char *caps : {"read", "deflate", "lzw", "zstd"}) {
     for (uint32_t type : kAllTypes) {

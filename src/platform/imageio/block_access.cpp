@@ -161,6 +161,8 @@ uint32_t ImageioEndWrite(ImageioHandle *h, uint64_t first, uint64_t count, void 
   const uint64_t chunk = std::max<uint64_t>(1, kImageioWriteChunk / h->esize);
   for (uint64_t done = 0; done < count;) {
     uint64_t m = std::min(chunk, count - done);
+    // Statistics of the values as stored.
+    if (stats && h->conv == ImageioConvHalf) ImageioRoundToHalf(p + done * h->esize, m);
     if (stats) ImageioAccumulateBlock(h->stats, h->type, p + done * h->esize, m);
     if (uint32_t st = ImageioStore(h, first + done, m, p + done * h->esize)) return st;
     done += m;

@@ -30,10 +30,11 @@ struct ImageioFormat {
   uint32_t (*open)(ImageioHandle *h);
   // Refuse a description the format cannot hold, before anything is created.
   uint32_t (*check)(ImageioHandle *h);
-  // Lay out a new file: set data_offset and prepare the header (written by write_header).
+  // Lay out a new file: set data_offset and prepare the header (written by write_header). Metadata
+  // the format keeps of its own may come from h->source when that is a file of the same format.
   uint32_t (*create)(ImageioHandle *h);
-  // Write the header of a new file (at creation), of a file about to be rewritten in place, or of
-  // either at its close (final = true).
+  // Write the header of a new file (at creation, while h->source is still set), of a file about to
+  // be rewritten in place, or of either at its close (final = true).
   uint32_t (*write_header)(ImageioHandle *h, bool final);
 
   bool keeps_stats;    // header statistics accumulated as blocks are written
@@ -58,7 +59,8 @@ struct ImageioFormat {
 const std::string &ImageioHistoryText();
 
 // The registry (and ImageioFormatName of imageio.h). By name: null when no format has it. For a new
-// file: the format whose extension ends the name (any case); null when the name ends in the extension
+// file: the format whose extension ends the name (any case; the name before a final ".gz" for a
+// compressed file); null when the name ends in the extension
 // of a format that is not written here (.png, .h5, ...); else the first format of the registry.
 // Detection: null when none recognises the bytes.
 const ImageioFormat *ImageioFormatByName(const char *name);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/imageio/format.h"
+#include "platform/imageio/gzip.h"
 
 // The formats, one line each. The first is the format of new files whose name no format claims.
 // A new format is its own file under formats/ that defines its ImageioFormat record, and a line here.
@@ -50,11 +51,13 @@ const ImageioFormat *ImageioFormatByName(const char *name) {
 }
 
 const ImageioFormat *ImageioFormatForNewFile(const std::string &path) {
+  // A compressed file holds the format that the name before ".gz" chooses.
+  const std::string name = ImageioGzipName(path) ? path.substr(0, path.size() - 3) : path;
   for (const ImageioFormat *f : kFormats)
     for (const char *const *e = f->extensions; *e; ++e)
-      if (EndsWith(path, *e)) return f;
+      if (EndsWith(name, *e)) return f;
   for (const char *e : kForeignExtensions)
-    if (EndsWith(path, e)) return nullptr;
+    if (EndsWith(name, e)) return nullptr;
   return kFormats[0];
 }
 

@@ -12,6 +12,7 @@
 
 #include "platform/core/errors.h"
 #include "platform/imageio/format.h"
+#include "platform/imageio/gzip.h"
 
 std::vector<ImageioHandle *> &ImageioLiveHandles() {
   // Images are closed at process end, after static objects may have been destroyed: never destroyed.
@@ -26,7 +27,7 @@ ImageioHandle *ImageioNewHandle(const char *path, uint32_t mode, const ImageioPa
   h->dir_fd = -1;
   h->cleanup = -1;
   h->mode = mode;
-  h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync | ImageioCapCompress);
+  h->caps = param->caps & (ImageioCapMmap | ImageioCapRead | ImageioCapSync | ImageioCapCompress | ImageioCapHalf);
   h->in_order = true;
   return h;
 }
@@ -36,6 +37,7 @@ void ImageioFreeHandle(ImageioHandle *h) {
   if (h->map) munmap(h->map, h->map_len);
   if (h->fd >= 0) close(h->fd);
   if (h->dir_fd >= 0) close(h->dir_fd);
+  ImageioGzipFree(h);
   std::free(h->buf);
   std::free(h->format_state);
   auto &live = ImageioLiveHandles();
@@ -78,6 +80,14 @@ uint32_t ImageioCheckSize(ImageioHandle *h) {
 }
 
 uint32_t ImageioReadAt(ImageioHandle *h, uint64_t offset, void *dst, uint64_t n) {
+  if (h->gz) {
+    uint64_t got;
+    if (uint32_t st = ImageioGzipRead(h, offset, dst, n, &got)) return st;
+    if (got == n) return 0;
+    return ImageioFail(h, E_IMAGEIO_READ,
+                       (" (the gzip stream ends early: " + std::to_string(offset + n) + " bytes needed, " +
+                        std::to_string(offset + got) + " found)").c_str());
+  }
   auto *p = static_cast<unsigned char *>(dst);
   while (n > 0) {
     size_t chunk = static_cast<size_t>(std::min<uint64_t>(n, 1u << 30));

@@ -17,6 +17,7 @@ inline constexpr uint32_t ImageioCapDeflate = 8;
 inline constexpr uint32_t ImageioCapLzw = 16;
 inline constexpr uint32_t ImageioCapZstd = 32;
 inline constexpr uint32_t ImageioCapCompress = ImageioCapDeflate | ImageioCapLzw | ImageioCapZstd;
+inline constexpr uint32_t ImageioCapHalf = 64;  // real32 stored as binary16 (formats that have it)
 
 // How stored elements become the elements callers see.
 enum ImageioConv : uint32_t {
@@ -27,6 +28,7 @@ enum ImageioConv : uint32_t {
 };
 
 struct ImageioFormat;
+struct ImageioGzip;
 
 struct ImageioHandle {
   const ImageioFormat *format;
@@ -43,7 +45,9 @@ struct ImageioHandle {
   uint32_t mode;    // ImageioModeRead, ImageioModeReadWrite or ImageioModeCreate
   uint32_t marked;  // deletion mark
   uint32_t caps;
-  uint64_t size;  // file size (opened files)
+  uint64_t size;  // file size (opened files); UINT64_MAX for a compressed file (known at its end)
+  ImageioGzip *gz;  // the inflate stream that reads a compressed file, or null
+  bool gzip_out;    // a new file compressed when it is put in place
 
   // The image as callers see it.
   uint64_t dim;
@@ -55,6 +59,10 @@ struct ImageioHandle {
   bool has_geom;
   ImageioGeometry geom;
   std::vector<std::string> history;  // oldest first
+  // While a new image is being created: the open image whose geometry it takes (its description's
+  // geometry word points into that image's handle), or null. A format may carry metadata of its own
+  // from a source of the same format; history goes on with any source.
+  ImageioHandle *source;
 
   // Storage.
   uint64_t data_offset;
@@ -63,6 +71,9 @@ struct ImageioHandle {
   uint32_t swap_unit;   // component size for ImageioConvSwap (and swapped halves / int16 pairs)
   bool big_endian;      // stored data big-endian (and an MRC header, which shares its order)
   bool fortran;         // stored with the axes reversed (column-major array)
+  // The stored array's axis lengths in image order when they are not the image's: more than four
+  // axes, the slowest of which the image folds into its axis 3. Empty otherwise.
+  std::vector<uint64_t> stored_len;
 
   // Data access.
   unsigned char *map;  // whole file mapped, or null

@@ -22,6 +22,7 @@
 #include "platform/imageio/cleanup.h"
 #include "platform/imageio/file_lock.h"
 #include "platform/imageio/format.h"
+#include "platform/imageio/gzip.h"
 #include "platform/imageio/mapping.h"
 #include "platform/imageio/new_file.h"
 
@@ -34,7 +35,7 @@ ErrorEntry kErrors[] = {
     {"E_IMAGEIO", "internal error (image file library)"},
     {"E_IMAGEIO_OPEN", "cannot open file"},
     {"E_IMAGEIO_FORMAT", "unknown file format"},
-    {"E_IMAGEIO_CAP", "invalid capability (known: mmap, read, sync, deflate, lzw, zstd; combine with commas, e.g. mmap,sync)"},
+    {"E_IMAGEIO_CAP", "invalid capability (known: mmap, read, sync, half, deflate, lzw, zstd; combine with commas, e.g. mmap,sync)"},
     {"E_IMAGEIO_TYPE", "element type not supported by the file format"},
     {"E_IMAGEIO_DIM", "invalid number of dimensions (an image has 1 to 4 axes)"},
     {"E_IMAGEIO_SIZE", "array size too large"},
@@ -100,7 +101,7 @@ uint32_t Detect(ImageioHandle *h, const char *forced) {
   } else {
     unsigned char head[4096];
     uint64_t n = std::min<uint64_t>(h->size, sizeof head);
-    if (uint32_t st = ImageioReadAt(h, 0, head, n)) return st;
+    if (uint32_t st = h->gz ? ImageioGzipRead(h, 0, head, n, &n) : ImageioReadAt(h, 0, head, n)) return st;
     f = ImageioFormatDetect(head, n, h->size);
     if (!f) return ImageioFail(h, E_IMAGEIO_FORMAT, "; the file's content matches none of them");
   }
@@ -140,10 +141,35 @@ uint32_t CheckExtent(ImageioHandle *h, uint64_t *end) {
     return ImageioFail(h, E_IMAGEIO_READ,
                        (" (file shorter than its header says: " + Num(*end) + " bytes needed, " + Num(h->size) +
                         " found)").c_str());
-  if (h->format->exact_size && *end < h->size)
+  if (h->format->exact_size && *end < h->size && !h->gz)
     return ImageioFail(h, E_IMAGEIO_HEADER,
                        (" (file size does not match the header: " + Num(*end) + " bytes expected, " +
                         Num(h->size) + " found)").c_str());
+  return 0;
+}
+
+// Half-precision storage is chosen for new files; in place it only confirms that the file stores
+// binary16 (and that its new values are rounded to it). The formats refuse such a file without it.
+uint32_t CheckHalf(ImageioHandle *h) {
+  if (!(h->caps & ImageioCapHalf)) return 0;
+  if (h->mode == ImageioModeRead)
+    return ImageioFail(h, E_IMAGEIO_CAP, " (half is a capability for writing, -cap, not for reading)");
+  if (h->conv != ImageioConvHalf)
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (-cap half: the file does not store binary16 data, and a file "
+                                          "rewritten in place keeps its storage)");
+  return 0;
+}
+
+// A new file's storage in binary16 (-cap half): real32 images, in a format that has it (its check
+// sets the conversion).
+uint32_t CheckHalfCreate(ImageioHandle *h, bool after_check) {
+  if (!(h->caps & ImageioCapHalf)) return 0;
+  if (!after_check && h->type != TypeReal32)
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (binary16 storage, -cap half, holds real32 images, not ",
+                       TypeIdent(h->type), ")");
+  if (after_check && h->conv != ImageioConvHalf)
+    return ImageioFail(h, E_IMAGEIO_TYPE, (std::string(" (") + h->format->name +
+                                           " files cannot store binary16 data, -cap half; MRC and NPY files can)").c_str());
   return 0;
 }
 
@@ -155,12 +181,20 @@ ImageioHandle *Open(const char *path, ImageDesc *desc, const ImageioParam *param
   if (!param) param = &ImageioParamDefault;
   ImageioHandle *h = ImageioNewHandle(path, rw ? ImageioModeReadWrite : ImageioModeRead, param);
   uint64_t end;
-  if (OpenFile(h, rw) || Detect(h, param->format) || h->format->open(h) || CheckExtent(h, &end)) {
+  if (OpenFile(h, rw) || ImageioGzipOpen(h) || Detect(h, param->format) || h->format->open(h) ||
+      CheckExtent(h, &end) || CheckHalf(h)) {
+    ImageioFreeHandle(h);
+    return nullptr;
+  }
+  ImageioGzipDataEnd(h, end);
+  if (h->gz && h->fortran) {
+    ImageioFail(h, E_IMAGEIO_TYPE, " (column-major data cannot be read from a gzip stream, which gives its bytes "
+                                   "in order; decompress the file first)");
     ImageioFreeHandle(h);
     return nullptr;
   }
   // Map the data; an axis-reversed file is always mapped (its blocks are gathered).
-  if (end > h->data_offset && !h->format->read_elements && ((h->caps & ImageioCapMmap) || h->fortran) &&
+  if (end > h->data_offset && !h->format->read_elements && !h->gz && ((h->caps & ImageioCapMmap) || h->fortran) &&
       !ImageioMapFile(h, end, rw) &&
       h->fortran) {
     ImageioFailErrno(h, E_IMAGEIO_READ, errno, " (cannot map the file)");
@@ -210,6 +244,7 @@ uint32_t ImageioCapCheck(const char *text) {
     else if (word == "deflate") caps |= ImageioCapDeflate;
     else if (word == "lzw") caps |= ImageioCapLzw;
     else if (word == "zstd") caps |= ImageioCapZstd;
+    else if (word == "half") caps |= ImageioCapHalf;
     else return 0;
     if (!end) break;
     p = end + 1;
@@ -238,6 +273,7 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
   if (!param) param = &ImageioParamDefault;
   if (CheckDesc(desc, path)) return nullptr;
   ImageioHandle *h = ImageioNewHandle(path, ImageioModeCreate, param);
+  h->gzip_out = ImageioGzipName(h->path);
   auto fail = [&]() -> ImageioHandle * {
     ImageioDiscardNewFile(h);
     ImageioFreeHandle(h);
@@ -253,9 +289,11 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
   if (desc->geom) {
     h->has_geom = true;
     h->geom = *reinterpret_cast<const ImageioGeometry *>(desc->geom);
-    // The history of the image the geometry comes from goes on with the new image.
+    // The image the geometry comes from: its history goes on with the new image, and its format may
+    // hand on metadata of its own (read while the new file is laid out, so only until it is created).
     for (ImageioHandle *src : ImageioLiveHandles())
-      if (reinterpret_cast<uint64_t>(&src->geom) == desc->geom) h->history = src->history;
+      if (reinterpret_cast<uint64_t>(&src->geom) == desc->geom) h->source = src;
+    if (h->source) h->history = h->source->history;
   }
   const ImageioFormat *f = param->format ? NamedFormat(h, param->format) : ImageioFormatForNewFile(h->path);
   if (!f && !param->format) {
@@ -263,13 +301,13 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
     std::string ext = h->path.substr(h->path.find_last_of('.'));
     ImageioFail(h, E_IMAGEIO_FORMAT, ("; " + ext + " files are not written: name the file for one of these formats, or give -fmt").c_str());
   }
-  if (!f || ImageioSetFormat(h, f) || f->check(h)) return fail();
+  if (CheckHalfCreate(h, false) || !f || ImageioSetFormat(h, f) || f->check(h) || CheckHalfCreate(h, true)) return fail();
   if ((h->caps & ImageioCapCompress) && !f->compresses) {
     ImageioFail(h, E_IMAGEIO_CAP, (" (" + std::string(f->name) + " files are not written compressed)").c_str());
     return fail();
   }
   if (ImageioNewFileOpen(h) || f->create(h)) return fail();
-  uint64_t bytes = h->count * h->esize, end;
+  uint64_t bytes = h->count * h->file_esize, end;
   if (__builtin_add_overflow(h->data_offset, bytes, &end) || end > static_cast<uint64_t>(LLONG_MAX)) {
     ImageioFail(h, E_IMAGEIO_SIZE, "");
     return fail();
@@ -277,6 +315,7 @@ ImageioHandle *ImageioCreate(const char *path, const ImageDesc *desc, const Imag
   // A format that places its own data grows its file as it writes.
   if ((!f->read_elements && ImageioNewFileReserve(h, end)) || f->write_header(h, false)) return fail();
   if ((h->caps & ImageioCapMmap) && bytes > 0 && !f->read_elements) ImageioMapFile(h, end, true);
+  h->source = nullptr;
   h->marked = (param->flags & ImageioFlagDel) ? 1 : 0;
   ImageioLiveHandles().push_back(h);
   return h;
@@ -313,7 +352,11 @@ uint32_t ImageioClose(ImageioHandle *h) {
   uint32_t st = 0;
   if (h->mode == ImageioModeCreate) {
     if (h->marked) st = ImageioDiscardNewFile(h);
-    else st = ImageioCommitNewFile(h, Finish(h));
+    else {
+      uint32_t done = Finish(h);
+      if (!done && h->gzip_out) done = ImageioGzipCompressNewFile(h);
+      st = ImageioCommitNewFile(h, done);
+    }
   } else {
     const bool rewrite = h->mode == ImageioModeReadWrite;
     if (rewrite && h->written && !h->marked) st = Finish(h);

@@ -47,6 +47,7 @@ struct ImageioGeometry {
   double origin[3];     // origin along axes 0..2 (Angstrom)
   int32_t axisorder[3]; // axis order (mapc, mapr, maps), 1 2 3 normally
   int32_t spacegroup;   // space group word of formats that have one, else 0
+  int32_t start[3];     // grid index of the first voxel along axes 0..2 (a sub-map's place in its map), 0 normally
 };
 
 struct ImageDesc {

@@ -1,8 +1,10 @@
-// MRC2014 files: a 1024-byte header of 4-byte words, an optional extended header (skipped), then
-// the data with x fastest. Written little-endian, without extended header, with statistics and labels.
+// MRC2014 files: a 1024-byte header of 4-byte words, an optional extended header, then the data with
+// x fastest. Written little-endian with statistics and labels; a new file carries the extended header
+// of the MRC file its geometry comes from.
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/core/types.h"
 #include "platform/imageio/format.h"
@@ -10,9 +12,9 @@
 namespace {
 
 enum : size_t {
-  kNx = 0, kNy = 4, kNz = 8, kMode = 12, kMx = 28, kMy = 32, kMz = 36, kCella = 40, kCellb = 52,
-  kMapc = 64, kDmin = 76, kDmax = 80, kDmean = 84, kIspg = 88, kNsymbt = 92, kNversion = 108,
-  kImodStamp = 152, kImodFlags = 156, kOrigin = 196, kMap = 208, kMachst = 212, kRms = 216, kNlabl = 220,
+  kNx = 0, kNy = 4, kNz = 8, kMode = 12, kStart = 16, kMx = 28, kMy = 32, kMz = 36, kCella = 40, kCellb = 52,
+  kMapc = 64, kDmin = 76, kDmax = 80, kDmean = 84, kIspg = 88, kNsymbt = 92, kExttyp = 104, kNversion = 108,
+  kNint = 128, kImodStamp = 152, kImodFlags = 156, kOrigin = 196, kMap = 208, kMachst = 212, kRms = 216, kNlabl = 220,
   kLabels = 224,
 };
 constexpr int32_t kImodStampValue = 1146047817;
@@ -21,9 +23,11 @@ constexpr size_t kLabelCount = 10, kLabelBytes = 80;
 
 const char *const kExtensions[] = {".mrc", ".mrcs", ".map", ".rec", ".st", ".ali", ".ccp4", nullptr};
 
-// A handle's copy of the header, kept for rewriting it at the close.
+// A handle's copy of the header, kept for rewriting it at the close; for a new file, the bytes of the
+// extended header copied from its source.
 struct MrcState {
   unsigned char header[1024];
+  uint32_t carried;
 };
 
 unsigned char *Header(ImageioHandle *h) { return static_cast<MrcState *>(h->format_state)->header; }
@@ -114,9 +118,11 @@ uint32_t Open(ImageioHandle *h) {
       return ImageioFail(h, E_IMAGEIO_HEADER, " (unknown MRC mode ", std::to_string(mode).c_str(), ")");
   }
   h->file_esize = ModeBytes(mode);
-  if (h->mode == 2 && (mode == 3 || mode == 12))
-    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC mode ", std::to_string(mode).c_str(),
-                       " is read only here; write the result to a new file)");
+  if (h->mode == 2 && mode == 3)
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC mode 3 is read only here; write the result to a new file)");
+  if (h->mode == 2 && mode == 12 && !(h->caps & ImageioCapHalf))
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC mode 12 holds binary16 values: rewrite it in place with -cap half, "
+                                          "which rounds the results to binary16, or write a new file)");
 
   int32_t m[3] = {I32(hd, kMx, big), I32(hd, kMy, big), I32(hd, kMz, big)};
   int32_t ispg = I32(hd, kIspg, big);
@@ -136,6 +142,7 @@ uint32_t Open(ImageioHandle *h) {
     h->geom.voxel[i] = m[i] > 0 ? static_cast<double>(cell) / m[i] : 0.0;
     h->geom.origin[i] = ImageioGetF32(hd + kOrigin + 4 * i, big);
     h->geom.axisorder[i] = I32(hd, kMapc + 4 * i, big);
+    h->geom.start[i] = I32(hd, kStart + 4 * i, big);
   }
   h->geom.spacegroup = ispg;
   int32_t nlabl = std::clamp<int32_t>(I32(hd, kNlabl, big), 0, kLabelCount);
@@ -185,6 +192,10 @@ uint32_t Check(ImageioHandle *h) {
   if (ModeOf(h->type) < 0)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (MRC files cannot hold ", TypeIdent(h->type),
                        " data; write a .npy file or the native format instead)");
+  if (h->caps & ImageioCapHalf) {  // real32 as mode 12
+    h->conv = ImageioConvHalf;
+    h->file_esize = 2;
+  }
   uint64_t n[3], mz;
   int32_t ispg;
   Layout(h, n, &mz, &ispg);
@@ -212,16 +223,47 @@ void PutStats(unsigned char *hd, float dmin, float dmax, float dmean, float rms,
 // Statistics not computed, the way the format marks them: dmax < dmin, dmean < both, rms < 0.
 void PutNoStats(unsigned char *hd, bool big) { PutStats(hd, 0.0f, -1.0f, -2.0f, -1.0f, big); }
 
+// The extended header of the MRC file a new file takes its geometry from goes with it unchanged, with
+// its type (exttyp) and IMOD's description of its records (nint, nreal), padded with zeros to a
+// multiple of the element's component size so that the data stays aligned. A big-endian source's
+// binary records would be misread in a little-endian file: it is not carried.
+uint64_t CarryExtended(ImageioHandle *h, unsigned char *hd) {
+  const ImageioHandle *src = h->source;
+  if (!src || src->format != h->format || src->big_endian) return 0;
+  const unsigned char *shd = static_cast<const MrcState *>(src->format_state)->header;
+  int32_t nsymbt = I32(shd, kNsymbt, false);
+  uint32_t unit = h->type == TypeCmplx32 ? 4 : h->file_esize;
+  uint64_t padded = (static_cast<uint64_t>(nsymbt) + unit - 1) / unit * unit;
+  if (nsymbt <= 0 || padded > INT32_MAX) return 0;
+  static_cast<MrcState *>(h->format_state)->carried = static_cast<uint32_t>(nsymbt);
+  std::memcpy(hd + kExttyp, shd + kExttyp, 4);
+  std::memcpy(hd + kNint, shd + kNint, 4);
+  ImageioPut32(hd + kNsymbt, static_cast<uint32_t>(padded), false);
+  return padded;
+}
+
+// Copies the carried extended header from the source, a piece at a time.
+uint32_t CopyExtended(ImageioHandle *h) {
+  uint64_t n = static_cast<MrcState *>(h->format_state)->carried;
+  std::vector<unsigned char> piece(std::min<uint64_t>(n, 1u << 20));
+  for (uint64_t done = 0; done < n;) {
+    uint64_t m = std::min<uint64_t>(piece.size(), n - done);
+    if (uint32_t st = ImageioReadAt(h->source, 1024 + done, piece.data(), m)) return st;
+    if (uint32_t st = ImageioWriteAt(h, 1024 + done, piece.data(), m)) return st;
+    done += m;
+  }
+  return 0;
+}
+
 uint32_t Create(ImageioHandle *h) {
   unsigned char *hd = Header(h);
   std::memset(hd, 0, 1024);
-  h->data_offset = 1024;
+  h->data_offset = 1024 + CarryExtended(h, hd);
   h->big_endian = false;
-  h->conv = ImageioConvNone;
   uint64_t n[3], mz;
   int32_t ispg;
   Layout(h, n, &mz, &ispg);
-  int32_t mode = ModeOf(h->type);
+  int32_t mode = h->conv == ImageioConvHalf ? 12 : ModeOf(h->type);
   for (int i = 0; i < 3; ++i) ImageioPut32(hd + kNx + 4 * i, static_cast<uint32_t>(n[i]), false);
   ImageioPut32(hd + kMode, static_cast<uint32_t>(mode), false);
   uint64_t m[3] = {n[0], n[1], mz};
@@ -234,6 +276,7 @@ uint32_t Create(ImageioHandle *h) {
     ImageioPutF32(hd + kCellb + 4 * i, 90.0f, false);
     ImageioPut32(hd + kMapc + 4 * i, static_cast<uint32_t>(order[i]), false);
     ImageioPutF32(hd + kOrigin + 4 * i, h->has_geom ? static_cast<float>(h->geom.origin[i]) : 0.0f, false);
+    ImageioPut32(hd + kStart + 4 * i, h->has_geom ? static_cast<uint32_t>(h->geom.start[i]) : 0, false);
   }
   PutNoStats(hd, false);
   ImageioPut32(hd + kIspg, static_cast<uint32_t>(ispg), false);
@@ -279,6 +322,8 @@ uint32_t WriteHeader(ImageioHandle *h, bool final) {
   } else if (h->mode == 2) {
     // A file about to be rewritten in place: its statistics no longer hold until the close.
     PutNoStats(hd, big);
+  } else if (uint32_t st = CopyExtended(h)) {
+    return st;
   }
   return ImageioWriteAt(h, 0, hd, 1024);
 }

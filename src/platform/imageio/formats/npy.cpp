@@ -1,6 +1,7 @@
 // NumPy .npy files: magic, version, header length, a dict literal with 'descr', 'fortran_order' and
 // 'shape', then the raw data. An image with axis lengths (L0, L1, L2, L3) is the C-order array of
 // shape (L3, L2, L1, L0).
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -170,15 +171,34 @@ uint32_t Open(ImageioHandle *h) {
     if (!h->big_endian) h->conv = ImageioConvNone;
   }
   h->file_esize = d->conv == ImageioConvHalf ? 2 : TypeSize(d->type);
-  if (h->mode == 2 && d->conv == ImageioConvHalf)
-    return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY float16 data is read only here; write the result to a new file)");
+  if (h->mode == 2 && d->conv == ImageioConvHalf && !(h->caps & ImageioCapHalf))
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY float16 data: rewrite it in place with -cap half, which rounds the "
+                                          "results to binary16, or write a new file)");
 
-  // Leading axes of length 1 beyond the fourth carry nothing.
-  size_t first = 0;
-  while (shape.size() - first > 4 && shape[first] == 1) ++first;
-  size_t n = shape.size() - first;
-  if (n > 4)
-    return ImageioFail(h, E_IMAGEIO_DIM, " (NPY array with ", std::to_string(shape.size()).c_str(), " axes)");
+  // More than four axes: axes of length 1 go first, the slowest first (the bytes stay where they are);
+  // then the slowest axes fold into one, as NumPy's reshape(-1, L2, L1, L0) does. A column-major
+  // array's elements are then gathered through all of its axes (fewer than 64, as its element count
+  // must fit in 64 bits; an empty array has nothing to gather). Each step is one pass: a header may
+  // hold a very long shape.
+  if (shape.size() > 4) {
+    size_t drop = std::min<size_t>(std::count(shape.begin(), shape.end(), 1), shape.size() - 4);
+    std::vector<uint64_t> kept;
+    for (uint64_t v : shape)
+      if (v == 1 && drop > 0) --drop;
+      else kept.push_back(v);
+    shape.swap(kept);
+  }
+  if (shape.size() > 4) {
+    const size_t k = shape.size() - 3;
+    uint64_t folded = 1;
+    for (size_t i = 0; i < k; ++i)
+      if (__builtin_mul_overflow(folded, shape[i], &folded)) return ImageioFail(h, E_IMAGEIO_SIZE, " (the NPY shape overflows)");
+    if (fortran && std::find(shape.begin(), shape.end(), uint64_t{0}) == shape.end())
+      h->stored_len.assign(shape.rbegin(), shape.rend());
+    shape.erase(shape.begin(), shape.begin() + static_cast<std::ptrdiff_t>(k - 1));
+    shape[0] = folded;
+  }
+  const size_t n = shape.size();
   if (n == 0) {
     h->dim = 1;
     h->len[0] = 1;
@@ -198,11 +218,16 @@ uint32_t Check(ImageioHandle *h) {
   if (h->type == TypeImag32 || h->type == TypeImag64)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (NPY files cannot hold ", TypeIdent(h->type),
                        " data; use the native format: -fmt zv, or a file name without .npy)");
+  if (h->caps & ImageioCapHalf) {  // real32 as <f2
+    h->conv = ImageioConvHalf;
+    h->file_esize = 2;
+  }
   return 0;
 }
 
-const char *DescrOf(uint32_t type) {
-  switch (type) {
+const char *DescrOf(const ImageioHandle *h) {
+  if (h->conv == ImageioConvHalf) return "<f2";
+  switch (h->type) {
     case TypeUint8: return "|u1";
     case TypeUint16: return "<u2";
     case TypeUint32: return "<u4";
@@ -226,7 +251,7 @@ std::string Header(const ImageioHandle *h) {
     if (k > 0) shape += ", ";
   }
   shape += h->dim == 1 ? ",)" : ")";
-  std::string dict = std::string("{'descr': '") + DescrOf(h->type) + "', 'fortran_order': False, 'shape': " + shape + ", }";
+  std::string dict = std::string("{'descr': '") + DescrOf(h) + "', 'fortran_order': False, 'shape': " + shape + ", }";
   uint64_t pre = 10;
   uint64_t total = (pre + dict.size() + 1 + 63) / 64 * 64;
   if (total - pre > 65535) {
@@ -251,7 +276,6 @@ std::string Header(const ImageioHandle *h) {
 
 uint32_t Create(ImageioHandle *h) {
   h->data_offset = Header(h).size();
-  h->conv = ImageioConvNone;
   return 0;
 }
 

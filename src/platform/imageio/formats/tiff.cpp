@@ -228,7 +228,7 @@ void ReadGeometry(ImageioHandle *h) {
   TIFFGetField(t, TIFFTAG_YRESOLUTION, &res[1]);
   TIFFGetFieldDefaulted(t, TIFFTAG_RESOLUTIONUNIT, &unit);
   double per = unit == RESUNIT_INCH ? 2.54e8 : unit == RESUNIT_CENTIMETER ? 1e8 : 0;
-  h->geom = {{0, 0, 0}, {0, 0, 0}, {1, 2, 3}, 1};  // pages are the sections of a volume
+  h->geom = {{0, 0, 0}, {0, 0, 0}, {1, 2, 3}, 1, {0, 0, 0}};  // pages are the sections of a volume
   for (int i = 0; i < 2; ++i)
     if (per > 0 && std::isfinite(res[i]) && res[i] > 0) {
       h->geom.voxel[i] = per / res[i];
@@ -319,6 +319,9 @@ uint32_t CheckPage(ImageioHandle *h, uint64_t p, Totals *sum) {
 }
 
 uint32_t Open(ImageioHandle *h) {
+  // libtiff reads the file itself, so a gzip stream cannot be put beneath it.
+  if (h->gz)
+    return ImageioFail(h, E_IMAGEIO_TYPE, " (a gzip-compressed TIFF file is not read: decompress it first; TIFF's own deflate compression is)");
   TiffState *s = State(h);
   // Strips as stored (no chopping of large ones), no mapping.
   if (!OpenTiff(h, "rcm")) return Fail(h, E_IMAGEIO_HEADER, State(h)->message[0] ? "header" : "file without an image directory");
@@ -571,6 +574,8 @@ uint16_t CompressionOf(uint32_t caps) {
 }
 
 uint32_t Check(ImageioHandle *h) {
+  if (h->gzip_out)
+    return ImageioFail(h, E_IMAGEIO_CAP, " (TIFF files are not written through gzip: name the file .tif and give -cap deflate)");
   const uint64_t pages = (h->dim > 2 ? h->len[2] : 1) * (h->dim > 3 ? h->len[3] : 1);
   if (h->type == TypeImag32 || h->type == TypeImag64)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (TIFF files cannot hold ", TypeIdent(h->type), " data; write the native format instead)");

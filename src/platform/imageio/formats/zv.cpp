@@ -30,6 +30,7 @@ enum : size_t {
   kOffOrigin = 104,
   kOffAxisOrder = 128,
   kOffLines = 140,
+  kOffStart = 144,  // in the reserved zeros of version 1: files written before it read as start 0
   kOffHistory = 256,
 };
 
@@ -76,6 +77,7 @@ uint32_t Open(ImageioHandle *h) {
       h->geom.voxel[i] = ImageioGetF64(hd + kOffVoxel + 8 * i, false);
       h->geom.origin[i] = ImageioGetF64(hd + kOffOrigin + 8 * i, false);
       h->geom.axisorder[i] = static_cast<int32_t>(ImageioGet32(hd + kOffAxisOrder + 4 * i, false));
+      h->geom.start[i] = static_cast<int32_t>(ImageioGet32(hd + kOffStart + 4 * i, false));
     }
   }
   uint32_t lines = ImageioGet32(hd + kOffLines, false);
@@ -115,6 +117,7 @@ uint32_t WriteHeader(ImageioHandle *h, bool) {
       ImageioPutF64(hd + kOffVoxel + 8 * i, h->geom.voxel[i], false);
       ImageioPutF64(hd + kOffOrigin + 8 * i, h->geom.origin[i], false);
       ImageioPut32(hd + kOffAxisOrder + 4 * i, static_cast<uint32_t>(h->geom.axisorder[i]), false);
+      ImageioPut32(hd + kOffStart + 4 * i, static_cast<uint32_t>(h->geom.start[i]), false);
     }
   }
   size_t lines = std::min(h->history.size(), kLines);
