@@ -407,7 +407,6 @@ const Case kCases[] = {
     {ComputeDiv, 1, R, {1}, R, {0}, R, {INFINITY}},
     {ComputeDiv, 0, R, {1}, R, {-0.0}, R, {-INFINITY}},
     {ComputeDiv, 1, X, {5, 7}, R, {0}, X, {NAN, NAN}},
-    {ComputeDiv, 0, X, {5, 7}, X, {0, 0}, X, {NAN, NAN}},
     {ComputeDiv, 1, X, {5, 7}, R, {1e20}, X, {0, 0}},  // the divisor's square overflows: no scaling
     {ComputeRecip, 0, R, {-0.0}, 0, {}, R, {-INFINITY}},
     {ComputeRecip, 0, I, {0, -2.5}, 0, {}, I, {0, 0.4f}},
@@ -424,11 +423,9 @@ const Case kCases[] = {
     {ComputeConvert, 0, R, {NAN}, 0, {}, TypeInt8, {-128}},
     {ComputeConvert, 0, TypeReal64, {kTwo63}, 0, {}, TypeInt64, {kTwo63 - 1}},
     {ComputeConvert, 0, TypeReal64, {kTwo64}, 0, {}, TypeUint64, {kTwo64 - 1}},
-    {ComputeConvert, 0, X, {-3.7, 10}, 0, {}, TypeInt16, {-3}},
     {ComputeConvert, 0, TypeInt8, {-1}, 0, {}, TypeUint16, {65535}},
     {ComputeConvert, 0, TypeUint64, {kTwo64 - 1}, 0, {}, R, {kTwo64}},
     {ComputeConvert, 0, TypeInt64, {9007199791611905.0L}, 0, {}, R, {9007200328482816.0L}},  // rounded once
-    {ComputeConvert, 0, TypeReal64, {1e-46}, 0, {}, R, {0}},
     // Elementary functions and complex parts.
     {ComputeSqrt, 0, R, {-4}, 0, {}, R, {NAN}},
     {ComputeSqrt, 0, R, {-0.0}, 0, {}, R, {-0.0}},
@@ -444,7 +441,6 @@ const Case kCases[] = {
     {ComputeAbs, 0, R, {-0.0}, 0, {}, R, {0}},
     {ComputeAbs, 0, TypeCmplx64, {1e300, 1}, 0, {}, R, {INFINITY}},
     {ComputeAbs2, 0, R, {2e19}, 0, {}, R, {INFINITY}},
-    {ComputeAbs2, 0, TypeCmplx64, {1e20, 0}, 0, {}, R, {INFINITY}},
     {ComputePhfac, 0, X, {0, 0}, 0, {}, X, {0, 0}},
     {ComputePhfac, 0, X, {NAN, 1}, 0, {}, X, {0, 0}},
     {ComputePhfac, 0, R, {-0.0}, 0, {}, X, {0, 0}},
