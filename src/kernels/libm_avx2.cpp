@@ -1,0 +1,241 @@
+// Vector replicas of the C library's expf, logf, sinf and cosf for processors with AVX2 and FMA.
+//
+// The library (glibc 2.36 on x86-64, the build selected on processors with FMA) evaluates these
+// functions in binary64, from a small table and a short polynomial, and rounds once to binary32.
+// The replicas do the same arithmetic on four binary64 lanes at a time, with the library's constants
+// and in its order of operations, so that every result is the library's bit for bit. The library's
+// build contracts some multiply-add steps into fused multiply-adds; the replicas fuse exactly those
+// steps (each is marked "fused as in the library's FMA build") and no others. Lanes outside the main
+// path of a function (huge, infinite or NaN arguments, zeros and negatives for logf) are handed to
+// the library itself. Arguments are flushed before and results after, as for the scalar calls.
+//
+// Whether the replicas may be used in a process is decided once by the gate (libm_gate.cpp).
+#define ZV_LIBM_IMPLEMENTATION
+#include <immintrin.h>
+
+#include <cstring>
+
+#include "kernels/libm_internal.h"
+
+#define ZV_AVX2 __attribute__((target("avx2,fma")))
+
+namespace {
+
+// ---- lanes -----------------------------------------------------------------------------------------
+
+// Table lookups (the masked forms: the plain ones leave their merge operand undefined, which the
+// compiler warns about).
+ZV_AVX2 inline __m256i Gather64(const uint64_t *table, __m256i index) {
+  return _mm256_mask_i64gather_epi64(_mm256_setzero_si256(), reinterpret_cast<const long long *>(table), index,
+                                     _mm256_set1_epi64x(-1), 8);
+}
+ZV_AVX2 inline __m256d Gather64(const double *table, __m128i index) {
+  return _mm256_mask_i32gather_pd(_mm256_setzero_pd(), table, index, _mm256_castsi256_pd(_mm256_set1_epi64x(-1)), 8);
+}
+
+// Subnormal lanes become zeros of their sign (decided on the bits).
+ZV_AVX2 inline __m256 FlushLanes(__m256 x) {
+  const __m256i b = _mm256_castps_si256(x);
+  const __m256i tiny = _mm256_cmpeq_epi32(_mm256_and_si256(b, _mm256_set1_epi32(0x7f800000)), _mm256_setzero_si256());
+  return _mm256_castsi256_ps(_mm256_andnot_si256(_mm256_and_si256(tiny, _mm256_set1_epi32(0x7fffffff)), b));
+}
+
+// The biased exponent and the top mantissa bits of |x|, as the library tests them (abstop12).
+ZV_AVX2 inline __m256i AbsTop12(__m256 x) {
+  return _mm256_and_si256(_mm256_srli_epi32(_mm256_castps_si256(x), 20), _mm256_set1_epi32(0x7ff));
+}
+
+// Eight binary32 lanes through a four-lane binary64 evaluation, low half then high half.
+template <__m128 (*Half)(__m128)> ZV_AVX2 inline __m256 ByHalves(__m256 x) {
+  const __m128 lo = Half(_mm256_castps256_ps128(x));
+  const __m128 hi = Half(_mm256_extractf128_ps(x, 1));
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(lo), hi, 1);
+}
+
+// One step of eight values: flushed arguments, the replica, the library for the lanes the replica
+// leaves (Eval sets their bits in *special), flushed results. s and d may be the same.
+template <__m256 (*Eval)(__m256, int *), float (*F)(float)> ZV_AVX2 inline void Step(const float *s, float *d) {
+  const __m256 x = FlushLanes(_mm256_loadu_ps(s));
+  int special = 0;
+  __m256 y = Eval(x, &special);
+  if (__builtin_expect(special != 0, 0)) {
+    alignas(32) float xs[8], ys[8];
+    _mm256_store_ps(xs, x);
+    _mm256_store_ps(ys, y);
+    for (unsigned m = static_cast<unsigned>(special); m != 0; m &= m - 1) {
+      const int j = __builtin_ctz(m);
+      ys[j] = F(xs[j]);
+    }
+    y = _mm256_load_ps(ys);
+  }
+  _mm256_storeu_ps(d, FlushLanes(y));
+}
+
+template <__m256 (*Eval)(__m256, int *), float (*F)(float)> ZV_AVX2 void Map(const float *s, float *d, uint64_t n) {
+  uint64_t i = 0;
+  for (; i + 8 <= n; i += 8) Step<Eval, F>(s + i, d + i);
+  if (i < n) {
+    // The last few values, padded with ones (a main-path argument of every function).
+    alignas(32) float in[8] = {1, 1, 1, 1, 1, 1, 1, 1}, out[8];
+    std::memcpy(in, s + i, (n - i) * sizeof(float));
+    Step<Eval, F>(in, out);
+    std::memcpy(d + i, out, (n - i) * sizeof(float));
+  }
+}
+
+// ---- expf --------------------------------------------------------------------------------------------
+// exp(x) = 2^(k/32) * 2^(r/32), k the nearest integer to x*32/ln2 and r the rest; 2^(k/32) from a
+// table of 2^(i/32) (bits minus i << 47) with k's high part added to the exponent, 2^(r/32) from a
+// cubic.
+
+alignas(64) constexpr uint64_t kExpTable[32] = {
+    0x3ff0000000000000, 0x3fefd9b0d3158574, 0x3fefb5586cf9890f, 0x3fef9301d0125b51, 0x3fef72b83c7d517b,
+    0x3fef54873168b9aa, 0x3fef387a6e756238, 0x3fef1e9df51fdee1, 0x3fef06fe0a31b715, 0x3feef1a7373aa9cb,
+    0x3feedea64c123422, 0x3feece086061892d, 0x3feebfdad5362a27, 0x3feeb42b569d4f82, 0x3feeab07dd485429,
+    0x3feea47eb03a5585, 0x3feea09e667f3bcd, 0x3fee9f75e8ec5f74, 0x3feea11473eb0187, 0x3feea589994cce13,
+    0x3feeace5422aa0db, 0x3feeb737b0cdc5e5, 0x3feec49182a3f090, 0x3feed503b23e255d, 0x3feee89f995ad3ad,
+    0x3feeff76f2fb5e47, 0x3fef199bdd85529c, 0x3fef3720dcef9069, 0x3fef5818dcfba487, 0x3fef7c97337b9b5f,
+    0x3fefa4afa2a490da, 0x3fefd0765b6e4540};
+constexpr double kExpInvLn2N = 0x1.71547652b82fep+0 * 32;
+constexpr double kExpShift = 0x1.8p+52;
+constexpr double kExpC0 = 0x1.c6af84b912394p-5 / 32 / 32 / 32, kExpC1 = 0x1.ebfce50fac4f3p-3 / 32 / 32,
+                 kExpC2 = 0x1.62e42ff0c52d6p-1 / 32;
+
+ZV_AVX2 inline __m128 ExpHalf(__m128 x) {
+  const __m256d xd = _mm256_cvtps_pd(x);
+  const __m256d inv_ln2n = _mm256_set1_pd(kExpInvLn2N), shift = _mm256_set1_pd(kExpShift);
+  // kd = round(x*32/ln2) by the shift; fused as in the library's FMA build.
+  __m256d kd = _mm256_fmadd_pd(inv_ln2n, xd, shift);
+  const __m256i ki = _mm256_castpd_si256(kd);
+  kd = _mm256_sub_pd(kd, shift);
+  // r = x*32/ln2 - kd; fused as in the library's FMA build.
+  const __m256d r = _mm256_fmsub_pd(inv_ln2n, xd, kd);
+  const __m256i t = _mm256_add_epi64(
+      Gather64(kExpTable, _mm256_and_si256(ki, _mm256_set1_epi64x(31))),
+      _mm256_slli_epi64(ki, 47));
+  // The cubic; its three multiply-adds are fused as in the library's FMA build, r*r and the scaling
+  // are plain products.
+  const __m256d z = _mm256_fmadd_pd(_mm256_set1_pd(kExpC0), r, _mm256_set1_pd(kExpC1));
+  const __m256d r2 = _mm256_mul_pd(r, r);
+  __m256d y = _mm256_fmadd_pd(_mm256_set1_pd(kExpC2), r, _mm256_set1_pd(1.0));
+  y = _mm256_fmadd_pd(z, r2, y);
+  y = _mm256_mul_pd(y, _mm256_castsi256_pd(t));
+  return _mm256_cvtpd_ps(y);
+}
+
+// Main path: |x| < 88 (abstop12 at most 0x42a); the rest (overflow, underflow, infinities, NaN) is
+// the library's.
+ZV_AVX2 __m256 ExpEval(__m256 x, int *special) {
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(AbsTop12(x), _mm256_set1_epi32(0x42a))));
+  return ByHalves<ExpHalf>(x);
+}
+
+// ---- logf --------------------------------------------------------------------------------------------
+// x = 2^k z with z in [0x3f330000, 2*0x3f330000) as bits; log(x) = log1p(z/c - 1) + log(c) + k*ln2,
+// c near the middle of z's sixteenth of the range (1/c and log(c) from the table), log1p from a cubic.
+
+alignas(64) constexpr double kLogTable[16][2] = {
+    {0x1.661ec79f8f3bep+0, -0x1.57bf7808caadep-2}, {0x1.571ed4aaf883dp+0, -0x1.2bef0a7c06ddbp-2},
+    {0x1.49539f0f010bp+0, -0x1.01eae7f513a67p-2},  {0x1.3c995b0b80385p+0, -0x1.b31d8a68224e9p-3},
+    {0x1.30d190c8864a5p+0, -0x1.6574f0ac07758p-3}, {0x1.25e227b0b8eap+0, -0x1.1aa2bc79c81p-3},
+    {0x1.1bb4a4a1a343fp+0, -0x1.a4e76ce8c0e5ep-4}, {0x1.12358f08ae5bap+0, -0x1.1973c5a611cccp-4},
+    {0x1.0953f419900a7p+0, -0x1.252f438e10c1ep-5}, {0x1p+0, 0x0p+0},
+    {0x1.e608cfd9a47acp-1, 0x1.aa5aa5df25984p-5},  {0x1.ca4b31f026aap-1, 0x1.c5e53aa362eb4p-4},
+    {0x1.b2036576afce6p-1, 0x1.526e57720db08p-3}, {0x1.9c2d163a1aa2dp-1, 0x1.bc2860d22477p-3},
+    {0x1.886e6037841edp-1, 0x1.1058bc8a07ee1p-2}, {0x1.767dcf5534862p-1, 0x1.4043057b6ee09p-2}};
+constexpr double kLogLn2 = 0x1.62e42fefa39efp-1;
+constexpr double kLogA0 = -0x1.00ea348b88334p-2, kLogA1 = 0x1.5575b0be00b6ap-2, kLogA2 = -0x1.ffffef20a4123p-2;
+
+ZV_AVX2 inline __m128 LogHalf(__m128 x) {
+  const __m128i ix = _mm_castps_si128(x);
+  const __m128i tmp = _mm_sub_epi32(ix, _mm_set1_epi32(0x3f330000));
+  const __m128i i2 = _mm_slli_epi32(_mm_and_si128(_mm_srli_epi32(tmp, 19), _mm_set1_epi32(15)), 1);
+  const __m128i k = _mm_srai_epi32(tmp, 23);
+  const __m128i iz = _mm_sub_epi32(ix, _mm_and_si128(tmp, _mm_set1_epi32(static_cast<int>(0xff800000u))));
+  const __m256d invc = Gather64(&kLogTable[0][0], i2);
+  const __m256d logc = Gather64(&kLogTable[0][1], i2);
+  const __m256d z = _mm256_cvtps_pd(_mm_castsi128_ps(iz));
+  // y0 = k*ln2 + log(c) and r = z/c - 1; both fused as in the library's FMA build.
+  const __m256d y0 = _mm256_fmadd_pd(_mm256_cvtepi32_pd(k), _mm256_set1_pd(kLogLn2), logc);
+  const __m256d r = _mm256_fmadd_pd(z, invc, _mm256_set1_pd(-1.0));
+  // The cubic; its three multiply-adds are fused as in the library's FMA build, r*r and r + y0 are not.
+  __m256d y = _mm256_fmadd_pd(r, _mm256_set1_pd(kLogA1), _mm256_set1_pd(kLogA2));
+  const __m256d r2 = _mm256_mul_pd(r, r);
+  const __m256d t = _mm256_add_pd(r, y0);
+  y = _mm256_fmadd_pd(_mm256_set1_pd(kLogA0), r2, y);
+  y = _mm256_fmadd_pd(y, r2, t);
+  return _mm256_cvtpd_ps(y);
+}
+
+// Main path: the positive normal numbers (bits 0x00800000 to 0x7f7fffff); zeros, negatives,
+// infinities and NaN are the library's.
+ZV_AVX2 __m256 LogEval(__m256 x, int *special) {
+  const __m256i ix = _mm256_castps_si256(x);
+  const __m256i out = _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(0x00800000), ix),
+                                      _mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f7fffff)));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(out));
+  return ByHalves<LogHalf>(x);
+}
+
+// ---- sinf, cosf ----------------------------------------------------------------------------------
+// x - n*pi/2 with n the nearest integer to x*2/pi (taken from x*2^24*2/pi so that the quadrant lands
+// in bits 24 and up), then the sine polynomial for even n and the cosine polynomial for odd n (cosf:
+// the other way round), with the signs of the quadrant.
+
+constexpr double kHalfPiInv = 0x1.45F306DC9C883p+23;  // 2/pi * 2^24
+constexpr double kHalfPi = 0x1.921FB54442D18p0;
+constexpr double kCos0 = 0x1p0, kCos1 = -0x1.ffffffd0c621cp-2, kCos2 = 0x1.55553e1068f19p-5,
+                 kCos3 = -0x1.6c087e89a359dp-10, kCos4 = 0x1.99343027bf8c3p-16;
+constexpr double kSin1 = -0x1.555545995a603p-3, kSin2 = 0x1.1107605230bc4p-7, kSin3 = -0x1.994eb3774cf24p-13;
+
+// kCos: cosine, which is the sine one quadrant on.
+template <bool kCos> ZV_AVX2 inline __m128 SinCosHalf(__m128 x) {
+  const __m256d xd = _mm256_cvtps_pd(x);
+  const __m256d q = _mm256_mul_pd(xd, _mm256_set1_pd(kHalfPiInv));
+  const __m128i n = _mm_srai_epi32(_mm_add_epi32(_mm256_cvttpd_epi32(q), _mm_set1_epi32(0x800000)), 24);
+  // x - n*pi/2; fused as in the library's FMA build.
+  const __m256d xr = _mm256_fnmadd_pd(_mm256_cvtepi32_pd(n), _mm256_set1_pd(kHalfPi), xd);
+  const __m256d x2 = _mm256_mul_pd(xr, xr);
+  // Quadrant bits as binary64 sign bits: the sine's sign is - in quadrants 1 and 2 (the library
+  // multiplies by -1.0, which only flips the sign), the cosine's in quadrants 2 and 3.
+  const __m256i n64 = _mm256_cvtepi32_epi64(n);
+  const __m256i sin_sign = _mm256_slli_epi64(_mm256_xor_si256(n64, _mm256_srli_epi64(n64, 1)), 63);
+  const __m256i cos_sign = _mm256_slli_epi64(_mm256_srli_epi64(n64, 1), 63);
+  const __m256d xs = _mm256_xor_pd(xr, _mm256_castsi256_pd(sin_sign));
+  // Sine polynomial; its multiply-adds are fused as in the library's FMA build.
+  const __m256d s1 = _mm256_fmadd_pd(x2, _mm256_set1_pd(kSin3), _mm256_set1_pd(kSin2));
+  const __m256d x3 = _mm256_mul_pd(x2, xs);
+  const __m256d x7 = _mm256_mul_pd(x2, x3);
+  const __m256d s = _mm256_fmadd_pd(x3, _mm256_set1_pd(kSin1), xs);
+  const __m256d sine = _mm256_fmadd_pd(s1, x7, s);
+  // Cosine polynomial; its multiply-adds are fused as in the library's FMA build. For quadrants 2
+  // and 3 the library uses the negated coefficients, which negates the result exactly.
+  const __m256d x4 = _mm256_mul_pd(x2, x2);
+  const __m256d c1 = _mm256_fmadd_pd(x2, _mm256_set1_pd(kCos1), _mm256_set1_pd(kCos0));
+  const __m256d c2 = _mm256_fmadd_pd(x2, _mm256_set1_pd(kCos4), _mm256_set1_pd(kCos3));
+  const __m256d x6 = _mm256_mul_pd(x2, x4);
+  const __m256d c = _mm256_fmadd_pd(x4, _mm256_set1_pd(kCos2), c1);
+  const __m256d cosine = _mm256_xor_pd(_mm256_fmadd_pd(c2, x6, c), _mm256_castsi256_pd(cos_sign));
+  // Odd quadrants take the other polynomial.
+  __m256i odd = _mm256_slli_epi64(n64, 63);
+  if constexpr (kCos) odd = _mm256_xor_si256(odd, _mm256_set1_epi64x(static_cast<long long>(0x8000000000000000u)));
+  return _mm256_cvtpd_ps(_mm256_blendv_pd(sine, cosine, _mm256_castsi256_pd(odd)));
+}
+
+// Main path: 2^-12 <= |x| < 120 (below 0.75 the library skips the reduction, which is the same as
+// reducing by n = 0). Below 2^-12 sinf gives x and cosf 1; from 120 on, infinities and NaN are the
+// library's.
+template <bool kCos> ZV_AVX2 __m256 SinCosEval(__m256 x, int *special) {
+  const __m256i top = AbsTop12(x);
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(top, _mm256_set1_epi32(0x42e))));
+  const __m256 y = ByHalves<SinCosHalf<kCos>>(x);
+  const __m256 tiny = _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(0x398), top));
+  return _mm256_blendv_ps(y, kCos ? _mm256_set1_ps(1.0f) : x, tiny);
+}
+
+}  // namespace
+
+const LibMapFn kAvx2Maps[kLibUnaryCount] = {
+    Map<ExpEval, expf>, Map<LogEval, logf>, Map<SinCosEval<false>, sinf>, Map<SinCosEval<true>, cosf>,
+    nullptr, nullptr, nullptr, nullptr};
+const LibPairMapFn kAvx2PairMaps[kLibPairCount] = {nullptr, nullptr};
