@@ -63,7 +63,7 @@ TEST(Manual, InstallGivesAWorkingBinaryAndARenderablePage) {
 TEST(Progress, ShownOnlyAtATerminalAndCleared) {
   if (system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "script is not installed";
   TempDir dir;
-  const uint64_t n = 3ull << 24;  // three blocks of Gaussian noise take well over a second
+  const uint64_t n = 5ull << 24;  // five blocks of Gaussian noise take well over a second
   std::vector<float> zeros(n, 0.0f);
   WriteImage(dir / "a.img", TypeReal32, {n}, zeros);
   std::string cmd = std::string("'") + ZVCOMPUTE_BIN + "' '" + (dir / "o.img") + "' = '" + (dir / "a.img") + "' +nran 1";

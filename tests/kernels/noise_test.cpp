@@ -68,10 +68,13 @@ TEST(Noise, ReplayWithNumberAndImageAmplitudes) {
   Buf src(TypeReal32, first.size()), amp(TypeReal32, amps.size());
   std::memcpy(src.data(), first.data(), 4 * first.size());
   std::memcpy(amp.data(), amps.data(), 4 * amps.size());
+  // Long blocks: the draws run through many batches of the generator.
+  const Buf long_src = Sample(TypeReal32, 3000), long_amp = Sample(TypeInt16, 3000);
   for (unsigned seed : kSeeds)
     for (int op = kAddUniform; op <= kMulNormal; ++op) {
       Replay(Op(op), seed, src, amp, 1);
       for (uint64_t at : {0, 1, 2, 4, 7}) Replay(Op(op), seed, src, amp, 0, at);
+      for (uint32_t image : {0u, 1u}) Replay(Op(op), seed, long_src, long_amp, image, image ? 0 : 5);
     }
 }
 
