@@ -233,9 +233,163 @@ template <bool kCos> ZV_AVX2 __m256 SinCosEval(__m256 x, int *special) {
   return _mm256_blendv_ps(y, kCos ? _mm256_set1_ps(1.0f) : x, tiny);
 }
 
+// ---- atanf ----------------------------------------------------------------------------------------
+// The older single-precision code, all in binary32 and without fused steps (the library has only its
+// SSE2 build): |x| is brought into [-7/16, 7/16] by one of four reductions chosen by its size (none
+// below 7/16), then an odd polynomial in two interleaved halves, and the reduction's atan added back.
+// Here every lane takes its own reduction, as numerator and denominator of one division.
+
+constexpr float kAtanHi[4] = {4.6364760399e-01f, 7.8539812565e-01f, 9.8279368877e-01f, 1.5707962513e+00f};
+constexpr float kAtanLo[4] = {5.0121582440e-09f, 3.7748947079e-08f, 3.4473217170e-08f, 7.5497894159e-08f};
+constexpr float kAtanT[11] = {3.3333334327e-01f,  -2.0000000298e-01f, 1.4285714924e-01f, -1.1111110449e-01f,
+                              9.0908870101e-02f,  -7.6918758452e-02f, 6.6610731184e-02f, -5.8335702866e-02f,
+                              4.9768779427e-02f,  -3.6531571299e-02f, 1.6285819933e-02f};
+
+ZV_AVX2 inline __m256 Mul(__m256 a, __m256 b) { return _mm256_mul_ps(a, b); }
+ZV_AVX2 inline __m256 Add(__m256 a, __m256 b) { return _mm256_add_ps(a, b); }
+ZV_AVX2 inline __m256 Sub(__m256 a, __m256 b) { return _mm256_sub_ps(a, b); }
+ZV_AVX2 inline __m256 Set(float v) { return _mm256_set1_ps(v); }
+ZV_AVX2 inline __m256 Below(__m256i ix, uint32_t bound) {  // ix < bound, for 0 <= ix < 2^31
+  return _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(bound)), ix));
+}
+
+// atanf of every lane that is not NaN (from 2^25 on: +-(pi/2 high + low)).
+ZV_AVX2 __m256 AtanLanes(__m256 x) {
+  const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
+  const __m256 ax = _mm256_andnot_ps(sign, x);
+  const __m256i ix = _mm256_castps_si256(ax);
+  const __m256 small = Below(ix, 0x3ee00000);  // |x| < 7/16: no reduction
+  const __m256 r0 = Below(ix, 0x3f300000), r1 = Below(ix, 0x3f980000), r2 = Below(ix, 0x401c0000);
+  // Reductions: (2x-1)/(2+x), (x-1)/(x+1), (x-1.5)/(1+1.5x), -1/x on |x|; x/1 below 7/16.
+  const __m256 one = Set(1.0f);
+  __m256 num = _mm256_blendv_ps(Sub(ax, Set(1.5f)), Sub(ax, one), r1);
+  __m256 den = _mm256_blendv_ps(Add(one, Mul(Set(1.5f), ax)), Add(ax, one), r1);
+  num = _mm256_blendv_ps(num, Sub(Mul(Set(2.0f), ax), one), r0);
+  den = _mm256_blendv_ps(den, Add(Set(2.0f), ax), r0);
+  num = _mm256_blendv_ps(_mm256_blendv_ps(Set(-1.0f), num, r2), x, small);
+  den = _mm256_blendv_ps(_mm256_blendv_ps(ax, den, r2), one, small);
+  const __m256 t = _mm256_div_ps(num, den);
+  const __m256 z = Mul(t, t), w = Mul(z, z);
+  const __m256 s1 = Mul(z, Add(Set(kAtanT[0]), Mul(w, Add(Set(kAtanT[2]), Mul(w, Add(Set(kAtanT[4]),
+                    Mul(w, Add(Set(kAtanT[6]), Mul(w, Add(Set(kAtanT[8]), Mul(w, Set(kAtanT[10]))))))))))));
+  const __m256 s2 = Mul(w, Add(Set(kAtanT[1]), Mul(w, Add(Set(kAtanT[3]), Mul(w, Add(Set(kAtanT[5]),
+                    Mul(w, Add(Set(kAtanT[7]), Mul(w, Set(kAtanT[9]))))))))));
+  const __m256 p = Mul(t, Add(s1, s2));
+  // The reduction's atan(c) = hi + lo, by the index of the reduction, 0 to 3 (the masks are nested,
+  // each -1 where it holds).
+  const __m256i index = _mm256_add_epi32(_mm256_add_epi32(_mm256_castps_si256(r0), _mm256_castps_si256(r1)),
+                                         _mm256_add_epi32(_mm256_castps_si256(r2), _mm256_set1_epi32(3)));
+  const __m256 hi = _mm256_permutevar8x32_ps(_mm256_castps128_ps256(_mm_loadu_ps(kAtanHi)), index);
+  const __m256 lo = _mm256_permutevar8x32_ps(_mm256_castps128_ps256(_mm_loadu_ps(kAtanLo)), index);
+  const __m256 reduced = _mm256_xor_ps(Sub(hi, Sub(Sub(p, lo), t)), _mm256_and_ps(x, sign));
+  __m256 y = _mm256_blendv_ps(reduced, Sub(t, p), small);
+  y = _mm256_blendv_ps(y, x, Below(ix, 0x31000000));  // |x| < 2^-29: x itself
+  const __m256 huge = _mm256_or_ps(Add(Set(kAtanHi[3]), Set(kAtanLo[3])), _mm256_and_ps(x, sign));
+  return _mm256_blendv_ps(y, huge, _mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x4bffffff))));
+}
+
+// Main path: every value but NaN.
+ZV_AVX2 __m256 AtanEval(__m256 x, int *special) {
+  const __m256i ix = _mm256_and_si256(_mm256_castps_si256(x), _mm256_set1_epi32(0x7fffffff));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f800000))));
+  return AtanLanes(x);
+}
+
+// ---- hypotf, atan2f on complex parts ---------------------------------------------------------------
+
+// Two-argument functions over pairs (a, b): eight pairs at a time, the parts flushed, the lanes Eval
+// leaves to the library computed by F(a, b), the results flushed.
+template <__m256 (*Eval)(__m256, __m256, int *), float (*F)(float, float)>
+ZV_AVX2 inline void PairStep(const float *p, float *d) {
+  const __m256 p0 = FlushLanes(_mm256_loadu_ps(p)), p1 = FlushLanes(_mm256_loadu_ps(p + 8));
+  // Deinterleave: even parts are the real parts a, odd ones the imaginary parts b.
+  const __m256 a = _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0x88)), 0xd8));
+  const __m256 b = _mm256_castpd_ps(_mm256_permute4x64_pd(_mm256_castps_pd(_mm256_shuffle_ps(p0, p1, 0xdd)), 0xd8));
+  int special = 0;
+  __m256 y = Eval(a, b, &special);
+  if (__builtin_expect(special != 0, 0)) {
+    alignas(32) float as[8], bs[8], ys[8];
+    _mm256_store_ps(as, a);
+    _mm256_store_ps(bs, b);
+    _mm256_store_ps(ys, y);
+    for (unsigned m = static_cast<unsigned>(special); m != 0; m &= m - 1) {
+      const int j = __builtin_ctz(m);
+      ys[j] = F(as[j], bs[j]);
+    }
+    y = _mm256_load_ps(ys);
+  }
+  _mm256_storeu_ps(d, FlushLanes(y));
+}
+
+template <__m256 (*Eval)(__m256, __m256, int *), float (*F)(float, float)>
+ZV_AVX2 void PairMap(const float *pairs, float *d, uint64_t n) {
+  uint64_t i = 0;
+  for (; i + 8 <= n; i += 8) PairStep<Eval, F>(pairs + 2 * i, d + i);
+  if (i < n) {
+    alignas(32) float in[16], out[8];
+    for (float &v : in) v = 1.0f;
+    std::memcpy(in, pairs + 2 * i, (n - i) * 2 * sizeof(float));
+    PairStep<Eval, F>(in, out);
+    std::memcpy(d + i, out, (n - i) * sizeof(float));
+  }
+}
+
+inline float Phase(float a, float b) { return atan2f(b, a); }
+inline float Magnitude(float a, float b) { return hypotf(a, b); }
+
+// hypotf: the binary64 square root of a*a + b*b in binary64 (the products are exact), rounded to
+// binary32. Infinite and NaN parts are the library's.
+ZV_AVX2 inline __m128 MagnitudeHalf(__m128 a, __m128 b) {
+  const __m256d ad = _mm256_cvtps_pd(a), bd = _mm256_cvtps_pd(b);
+  return _mm256_cvtpd_ps(_mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(ad, ad), _mm256_mul_pd(bd, bd))));
+}
+ZV_AVX2 __m256 MagnitudeEval(__m256 a, __m256 b, int *special) {
+  const __m256i exp = _mm256_set1_epi32(0x7f800000);
+  const __m256i nonfinite = _mm256_or_si256(
+      _mm256_cmpeq_epi32(_mm256_and_si256(_mm256_castps_si256(a), exp), exp),
+      _mm256_cmpeq_epi32(_mm256_and_si256(_mm256_castps_si256(b), exp), exp));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(nonfinite));
+  const __m128 lo = MagnitudeHalf(_mm256_castps256_ps128(a), _mm256_castps256_ps128(b));
+  const __m128 hi = MagnitudeHalf(_mm256_extractf128_ps(a, 1), _mm256_extractf128_ps(b, 1));
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(lo), hi, 1);
+}
+
+// atan2f(b, a), also the older single-precision code: from the quotient's atan, by the signs of a and
+// b. Zero, infinite and NaN parts and a = 1 are the library's.
+ZV_AVX2 __m256 PhaseEval(__m256 a, __m256 b, int *special) {
+  const __m256i sign = _mm256_set1_epi32(static_cast<int>(0x80000000u));
+  const __m256i hx = _mm256_castps_si256(a), hy = _mm256_castps_si256(b);
+  const __m256i ix = _mm256_andnot_si256(sign, hx), iy = _mm256_andnot_si256(sign, hy);
+  const __m256i zero = _mm256_setzero_si256();
+  const __m256i off = _mm256_or_si256(
+      _mm256_or_si256(_mm256_cmpeq_epi32(ix, zero), _mm256_cmpeq_epi32(iy, zero)),
+      _mm256_or_si256(_mm256_or_si256(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f7fffff)),
+                                      _mm256_cmpgt_epi32(iy, _mm256_set1_epi32(0x7f7fffff))),
+                      _mm256_cmpeq_epi32(hx, _mm256_set1_epi32(0x3f800000))));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(off));
+  // k = (iy - ix) >> 23: beyond 60 the quotient is taken as huge (pi/2 + pi_lo/2), below -60 with a
+  // negative a as zero, otherwise z = atanf(|b/a|).
+  const __m256i k = _mm256_srai_epi32(_mm256_sub_epi32(iy, ix), 23);
+  const __m256 quotient = _mm256_andnot_ps(_mm256_castsi256_ps(sign), _mm256_div_ps(b, a));
+  __m256 z = AtanLanes(quotient);
+  const __m256 big = _mm256_castsi256_ps(_mm256_cmpgt_epi32(k, _mm256_set1_epi32(60)));
+  const __m256 little = _mm256_castsi256_ps(_mm256_and_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(-60), k),
+                                                             _mm256_cmpgt_epi32(zero, hx)));
+  const float pi_lo = -8.7422776573e-08f, pi = 3.1415927410e+00f;
+  z = _mm256_blendv_ps(z, Add(Set(1.5707963705e+00f), Mul(Set(0.5f), Set(pi_lo))), big);
+  z = _mm256_andnot_ps(little, z);
+  // By the signs: (+, +) z; (b < 0, a > 0) -z; (b >= 0, a < 0) pi - (z - pi_lo); (-, -) (z - pi_lo) - pi.
+  const __m256 x_negative = _mm256_castsi256_ps(_mm256_cmpgt_epi32(zero, hx));
+  const __m256 y_negative = _mm256_castsi256_ps(_mm256_cmpgt_epi32(zero, hy));
+  const __m256 zl = Sub(z, Set(pi_lo));
+  const __m256 right = _mm256_xor_ps(z, _mm256_and_ps(y_negative, _mm256_castsi256_ps(sign)));
+  const __m256 left = _mm256_blendv_ps(Sub(Set(pi), zl), Sub(zl, Set(pi)), y_negative);
+  return _mm256_blendv_ps(right, left, x_negative);
+}
+
 }  // namespace
 
 const LibMapFn kAvx2Maps[kLibUnaryCount] = {
     Map<ExpEval, expf>, Map<LogEval, logf>, Map<SinCosEval<false>, sinf>, Map<SinCosEval<true>, cosf>,
-    nullptr, nullptr, nullptr, nullptr};
-const LibPairMapFn kAvx2PairMaps[kLibPairCount] = {nullptr, nullptr};
+    nullptr, nullptr, nullptr, Map<AtanEval, atanf>};
+const LibPairMapFn kAvx2PairMaps[kLibPairCount] = {PairMap<PhaseEval, Phase>, PairMap<MagnitudeEval, Magnitude>};
