@@ -295,6 +295,96 @@ ZV_AVX2 __m256 AtanEval(__m256 x, int *special) {
   return AtanLanes(x);
 }
 
+// ---- tanf -----------------------------------------------------------------------------------------
+// The library's tanf reduces |x| > pi/4 by x - n*pi/2 in binary64 as sinf does, but its only build has
+// no fused steps, splits the result into a binary32 high and low part and hands them to the older
+// single-precision kernel, which has a branch for tiny arguments, folds arguments from 0.6744 on
+// around pi/4, and for odd n computes -1/tan carefully. Every lane computes every branch here.
+
+constexpr float kTanT[13] = {3.3333334327e-01f, 1.3333334029e-01f, 5.3968254477e-02f,  2.1869488060e-02f,
+                             8.8632395491e-03f, 3.5920790397e-03f, 1.4562094584e-03f,  5.8804126456e-04f,
+                             2.4646313977e-04f, 7.8179444245e-05f, 7.1407252108e-05f,  -1.8558637748e-05f,
+                             2.5907305826e-05f};
+
+// The reduction of four lanes: high and low binary32 parts of x - n*pi/2 (not fused in this build)
+// and the quadrant n.
+ZV_AVX2 inline void TanReduceHalf(__m128 x, __m128 *high, __m128 *low, __m128i *n) {
+  const __m256d xd = _mm256_cvtps_pd(x);
+  *n = _mm_srai_epi32(_mm_add_epi32(_mm256_cvttpd_epi32(_mm256_mul_pd(xd, _mm256_set1_pd(kHalfPiInv))),
+                                    _mm_set1_epi32(0x800000)), 24);
+  const __m256d r = _mm256_sub_pd(xd, _mm256_mul_pd(_mm256_cvtepi32_pd(*n), _mm256_set1_pd(kHalfPi)));
+  *high = _mm256_cvtpd_ps(r);
+  *low = _mm256_cvtpd_ps(_mm256_sub_pd(r, _mm256_cvtps_pd(*high)));
+}
+
+// The single-precision kernel: tan(x + y) for iy = 1, -1/tan(x + y) for iy = -1.
+ZV_AVX2 __m256 TanKernel(__m256 x, __m256 y, __m256i iy) {
+  const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
+  const __m256 one = Set(1.0f);
+  const __m256i hx = _mm256_castps_si256(x);
+  const __m256i ix = _mm256_andnot_si256(_mm256_castps_si256(sign), hx);
+  const __m256 odd = _mm256_castsi256_ps(_mm256_cmpeq_epi32(iy, _mm256_set1_epi32(-1)));
+  const __m256 negative = _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_setzero_si256(), hx));
+  const __m256 fiy = _mm256_cvtepi32_ps(iy);
+  // From 0.6744 on: x + y folded into pi/4 - |x + y|.
+  const __m256 fold = _mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f2ca13f)));
+  const __m256 flip = _mm256_and_ps(negative, sign);
+  const __m256 folded = Add(Sub(Set(7.8539812565e-01f), _mm256_xor_ps(x, flip)),
+                            Sub(Set(3.7748947079e-08f), _mm256_xor_ps(y, flip)));
+  x = _mm256_blendv_ps(x, folded, fold);
+  y = _mm256_andnot_ps(fold, y);
+  // sgn = -1 for negative x, as a factor.
+  const __m256 sgn = _mm256_blendv_ps(one, Set(-1.0f), negative);
+  const __m256 z = Mul(x, x), w = Mul(z, z);
+  __m256 r = Add(Set(kTanT[1]), Mul(w, Add(Set(kTanT[3]), Mul(w, Add(Set(kTanT[5]), Mul(w, Add(Set(kTanT[7]),
+             Mul(w, Add(Set(kTanT[9]), Mul(w, Set(kTanT[11])))))))))));
+  const __m256 v = Mul(z, Add(Set(kTanT[2]), Mul(w, Add(Set(kTanT[4]), Mul(w, Add(Set(kTanT[6]), Mul(w,
+                   Add(Set(kTanT[8]), Mul(w, Add(Set(kTanT[10]), Mul(w, Set(kTanT[12]))))))))))));
+  const __m256 s = Mul(z, x);
+  r = Add(y, Mul(z, Add(Mul(s, Add(r, v)), y)));
+  r = Add(r, Mul(Set(kTanT[0]), s));
+  const __m256 sum = Add(x, r);
+  // Folded: sgn * (iy - 2*(x - (w*w/(w + iy) - r))).
+  const __m256 folded_result =
+      Mul(sgn, Sub(fiy, Mul(Set(2.0f), Sub(x, Sub(_mm256_div_ps(Mul(sum, sum), Add(sum, fiy)), r)))));
+  // Odd quadrant: -1/(x + r) with the high halves of the parts.
+  const __m256 keep_high = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0xfffff000u)));
+  const __m256 zh = _mm256_and_ps(sum, keep_high);
+  const __m256 vh = Sub(r, Sub(zh, x));
+  const __m256 a = _mm256_div_ps(Set(-1.0f), sum);
+  const __m256 t = _mm256_and_ps(a, keep_high);
+  const __m256 inverse = Add(t, Mul(a, Add(Add(one, Mul(t, zh)), Mul(t, vh))));
+  __m256 result = _mm256_blendv_ps(_mm256_blendv_ps(sum, inverse, odd), folded_result, fold);
+  // Folded to below 2^-13: sgn*iy * (1 - 2*iy*x).
+  const __m256 near = _mm256_and_ps(fold, _mm256_cmp_ps(_mm256_andnot_ps(sign, x), Set(0x1p-13f), _CMP_LT_OQ));
+  result = _mm256_blendv_ps(result, Mul(Mul(sgn, fiy), Sub(one, Mul(Add(fiy, fiy), x))), near);
+  // Below 2^-13 (before folding): x, -1/x, and +inf for +0 with iy = -1.
+  const __m256 tiny = Below(ix, 0x39000000);
+  const __m256 x0 = _mm256_castsi256_ps(hx);
+  __m256 small = _mm256_blendv_ps(x0, _mm256_div_ps(Set(-1.0f), x0), odd);
+  small = _mm256_blendv_ps(small, Set(INFINITY),
+                           _mm256_and_ps(odd, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_setzero_si256()))));
+  return _mm256_blendv_ps(result, small, tiny);
+}
+
+// Main path: |x| < 120; from there on (and infinities, NaN) the library's.
+ZV_AVX2 __m256 TanEval(__m256 x, int *special) {
+  const __m256i ix = _mm256_and_si256(_mm256_castps_si256(x), _mm256_set1_epi32(0x7fffffff));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x42efffff))));
+  __m128 high_lo, low_lo, high_hi, low_hi;
+  __m128i n_lo, n_hi;
+  TanReduceHalf(_mm256_castps256_ps128(x), &high_lo, &low_lo, &n_lo);
+  TanReduceHalf(_mm256_extractf128_ps(x, 1), &high_hi, &low_hi, &n_hi);
+  const __m256 high = _mm256_insertf128_ps(_mm256_castps128_ps256(high_lo), high_hi, 1);
+  const __m256 low = _mm256_insertf128_ps(_mm256_castps128_ps256(low_lo), low_hi, 1);
+  const __m256i n = _mm256_inserti128_si256(_mm256_castsi128_si256(n_lo), n_hi, 1);
+  // Up to pi/4 (bits 0x3f490fda) no reduction: the kernel of x, 0 and iy = 1.
+  const __m256 reduce = _mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f490fda)));
+  const __m256i iy = _mm256_sub_epi32(_mm256_set1_epi32(1), _mm256_slli_epi32(_mm256_and_si256(n, _mm256_set1_epi32(1)), 1));
+  return TanKernel(_mm256_blendv_ps(x, high, reduce), _mm256_and_ps(reduce, low),
+                   _mm256_blendv_epi8(_mm256_set1_epi32(1), iy, _mm256_castps_si256(reduce)));
+}
+
 // ---- hypotf, atan2f on complex parts ---------------------------------------------------------------
 
 // Two-argument functions over pairs (a, b): eight pairs at a time, the parts flushed, the lanes Eval
@@ -391,5 +481,5 @@ ZV_AVX2 __m256 PhaseEval(__m256 a, __m256 b, int *special) {
 
 const LibMapFn kAvx2Maps[kLibUnaryCount] = {
     Map<ExpEval, expf>, Map<LogEval, logf>, Map<SinCosEval<false>, sinf>, Map<SinCosEval<true>, cosf>,
-    nullptr, nullptr, nullptr, Map<AtanEval, atanf>};
+    Map<TanEval, tanf>, nullptr, nullptr, Map<AtanEval, atanf>};
 const LibPairMapFn kAvx2PairMaps[kLibPairCount] = {PairMap<PhaseEval, Phase>, PairMap<MagnitudeEval, Magnitude>};

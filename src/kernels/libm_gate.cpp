@@ -106,9 +106,10 @@ bool LibVerifiedHost() {
 LibGate LibCheckGate() {
   LibGate g;
   if (!LibVerifiedHost()) return g;
-  // The library has one build of atanf, atan2f and hypotf, and logf's two builds agree everywhere; the
+  // The library has one build of tanf, atanf, atan2f and hypotf, and logf's two builds agree everywhere; the
   // others are admitted when the FMA build is the bound one.
-  g.unary = 1u << static_cast<uint32_t>(LibUnary::Log) | 1u << static_cast<uint32_t>(LibUnary::Atan);
+  g.unary = 1u << static_cast<uint32_t>(LibUnary::Log) | 1u << static_cast<uint32_t>(LibUnary::Tan) |
+            1u << static_cast<uint32_t>(LibUnary::Atan);
   g.pair = 1u << static_cast<uint32_t>(LibPair::Phase) | 1u << static_cast<uint32_t>(LibPair::Magnitude);
   for (const LibProbes &p : kLibProbes)
     if (ReplicaMatches(p)) g.unary |= 1u << static_cast<uint32_t>(p.f);
