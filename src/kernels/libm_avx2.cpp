@@ -385,6 +385,86 @@ ZV_AVX2 __m256 TanEval(__m256 x, int *special) {
                    _mm256_blendv_epi8(_mm256_set1_epi32(1), iy, _mm256_castps_si256(reduce)));
 }
 
+// ---- asinf, acosf ---------------------------------------------------------------------------------
+// The older single-precision code of the library's only build: a polynomial in x*x below 0.5 and in
+// (1 - |x|)/2 above, with its square root, and some splitting into high and low parts. Every lane
+// computes its branches here; |x| > 1 and NaN go to the library (whose wrapper gives its own NaN).
+
+constexpr float kAsinP[5] = {1.666675248e-1f, 7.495297643e-2f, 4.547037598e-2f, 2.417951451e-2f, 4.216630880e-2f};
+
+ZV_AVX2 inline __m256 AsinPoly(__m256 t) {
+  return Mul(t, Add(Set(kAsinP[0]), Mul(t, Add(Set(kAsinP[1]), Mul(t, Add(Set(kAsinP[2]),
+             Mul(t, Add(Set(kAsinP[3]), Mul(t, Set(kAsinP[4]))))))))));
+}
+
+ZV_AVX2 inline __m256 KeepHigh(__m256 x) {
+  return _mm256_and_ps(x, _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0xfffff000u))));
+}
+
+ZV_AVX2 __m256 AsinEval(__m256 x, int *special) {
+  const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
+  const __m256i ix = _mm256_castps_si256(_mm256_andnot_ps(sign, x));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  const float pio2_hi = 1.57079637050628662109375f, pio2_lo = -4.37113900018624283e-8f;
+  const float pio4_hi = 0.785398185253143310546875f;
+  const __m256 one = Set(1.0f), two = Set(2.0f);
+  // Below 0.5: x + x*w with w = t*P(t), t = x*x.
+  const __m256 xx = Mul(x, x);
+  const __m256 below = Add(x, Mul(x, AsinPoly(xx)));
+  // From 0.5: t = (1 - |x|)/2, s = sqrt(t).
+  const __m256 t = Mul(Sub(one, _mm256_andnot_ps(sign, x)), Set(0.5f));
+  const __m256 p = AsinPoly(t);
+  const __m256 s = _mm256_sqrt_ps(t);
+  const __m256 near_one = Sub(Set(pio2_hi), Sub(Mul(two, Add(s, Mul(s, p))), Set(pio2_lo)));
+  const __m256 w = KeepHigh(s);
+  const __m256 c = _mm256_div_ps(Sub(t, Mul(w, w)), Add(s, w));
+  const __m256 pp = Sub(Mul(Mul(two, s), p), Sub(Set(pio2_lo), Mul(two, c)));
+  const __m256 q = Sub(Set(pio4_hi), Mul(two, w));
+  const __m256 middle = Sub(Set(pio4_hi), Sub(pp, q));
+  __m256 above = _mm256_blendv_ps(middle, near_one, _mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f799999))));
+  above = _mm256_xor_ps(above, _mm256_and_ps(x, sign));
+  __m256 y = _mm256_blendv_ps(above, below, Below(ix, 0x3f000000));
+  y = _mm256_blendv_ps(y, x, Below(ix, 0x32000000));  // below 2^-27: x itself
+  // |x| = 1: x*pio2_hi + x*pio2_lo.
+  const __m256 unit = Add(Mul(x, Set(pio2_hi)), Mul(x, Set(pio2_lo)));
+  return _mm256_blendv_ps(y, unit, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+}
+
+constexpr float kAcosP[6] = {1.6666667163e-01f, -3.2556581497e-01f, 2.0121252537e-01f,
+                             -4.0055535734e-02f, 7.9153501429e-04f, 3.4793309169e-05f};
+constexpr float kAcosQ[4] = {-2.4033949375e+00f, 2.0209457874e+00f, -6.8828397989e-01f, 7.7038154006e-02f};
+
+ZV_AVX2 __m256 AcosEval(__m256 x, int *special) {
+  const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
+  const __m256i hx = _mm256_castps_si256(x);
+  const __m256i ix = _mm256_castps_si256(_mm256_andnot_ps(sign, x));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  const float pi = 3.1415925026e+00f, pio2_hi = 1.5707962513e+00f, pio2_lo = 7.5497894159e-08f;
+  const __m256 one = Set(1.0f), two = Set(2.0f), half = Set(0.5f);
+  const __m256 small = Below(ix, 0x3f000000);
+  const __m256 negative = _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_setzero_si256(), hx));
+  // z: x*x below 0.5, (1 + x)/2 for x <= -0.5, (1 - x)/2 for x >= 0.5; r = P(z)/Q(z).
+  __m256 z = Mul(_mm256_blendv_ps(Sub(one, x), Add(one, x), negative), half);
+  z = _mm256_blendv_ps(z, Mul(x, x), small);
+  const __m256 p = Mul(z, Add(Set(kAcosP[0]), Mul(z, Add(Set(kAcosP[1]), Mul(z, Add(Set(kAcosP[2]),
+                   Mul(z, Add(Set(kAcosP[3]), Mul(z, Add(Set(kAcosP[4]), Mul(z, Set(kAcosP[5]))))))))))));
+  const __m256 q = Add(one, Mul(z, Add(Set(kAcosQ[0]), Mul(z, Add(Set(kAcosQ[1]), Mul(z, Add(Set(kAcosQ[2]),
+                   Mul(z, Set(kAcosQ[3])))))))));
+  const __m256 r = _mm256_div_ps(p, q);
+  const __m256 s = _mm256_sqrt_ps(z);
+  const __m256 below = Sub(Set(pio2_hi), Sub(x, Sub(Set(pio2_lo), Mul(x, r))));
+  const __m256 left = Sub(Set(pi), Mul(two, Add(s, Sub(Mul(r, s), Set(pio2_lo)))));
+  const __m256 df = KeepHigh(s);
+  const __m256 c = _mm256_div_ps(Sub(z, Mul(df, df)), Add(s, df));
+  const __m256 right = Mul(two, Add(df, Add(Mul(r, s), c)));
+  __m256 y = _mm256_blendv_ps(_mm256_blendv_ps(right, left, negative), below, small);
+  y = _mm256_blendv_ps(y, Add(Set(pio2_hi), Set(pio2_lo)),
+                       _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(0x32800001), ix)));
+  // |x| = 1: 0 for 1, pi + 2*pio2_lo for -1.
+  const __m256 unit = _mm256_and_ps(negative, Add(Set(pi), Mul(two, Set(pio2_lo))));
+  return _mm256_blendv_ps(y, unit, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+}
+
 // ---- hypotf, atan2f on complex parts ---------------------------------------------------------------
 
 // Two-argument functions over pairs (a, b): eight pairs at a time, the parts flushed, the lanes Eval
@@ -481,5 +561,5 @@ ZV_AVX2 __m256 PhaseEval(__m256 a, __m256 b, int *special) {
 
 const LibMapFn kAvx2Maps[kLibUnaryCount] = {
     Map<ExpEval, expf>, Map<LogEval, logf>, Map<SinCosEval<false>, sinf>, Map<SinCosEval<true>, cosf>,
-    Map<TanEval, tanf>, nullptr, nullptr, Map<AtanEval, atanf>};
+    Map<TanEval, tanf>, Map<AsinEval, asinf>, Map<AcosEval, acosf>, Map<AtanEval, atanf>};
 const LibPairMapFn kAvx2PairMaps[kLibPairCount] = {PairMap<PhaseEval, Phase>, PairMap<MagnitudeEval, Magnitude>};

@@ -11,6 +11,7 @@
 #include <xmmintrin.h>
 
 #include <cstring>
+#include <initializer_list>
 
 #include "kernels/libm_internal.h"
 
@@ -106,10 +107,10 @@ bool LibVerifiedHost() {
 LibGate LibCheckGate() {
   LibGate g;
   if (!LibVerifiedHost()) return g;
-  // The library has one build of tanf, atanf, atan2f and hypotf, and logf's two builds agree everywhere; the
-  // others are admitted when the FMA build is the bound one.
-  g.unary = 1u << static_cast<uint32_t>(LibUnary::Log) | 1u << static_cast<uint32_t>(LibUnary::Tan) |
-            1u << static_cast<uint32_t>(LibUnary::Atan);
+  // The library has one build of tanf, asinf, acosf, atanf, atan2f and hypotf, and logf's two builds
+  // agree everywhere; the others are admitted when the FMA build is the bound one.
+  for (LibUnary f : {LibUnary::Log, LibUnary::Tan, LibUnary::Asin, LibUnary::Acos, LibUnary::Atan})
+    g.unary |= 1u << static_cast<uint32_t>(f);
   g.pair = 1u << static_cast<uint32_t>(LibPair::Phase) | 1u << static_cast<uint32_t>(LibPair::Magnitude);
   for (const LibProbes &p : kLibProbes)
     if (ReplicaMatches(p)) g.unary |= 1u << static_cast<uint32_t>(p.f);
