@@ -4,8 +4,12 @@
 // loop is sensitive to anything on the path of the call), so the flushing is done per piece of a
 // block, by vector loops before and after the calls: a piece whose arguments hold no subnormal (the
 // usual case) goes through the plain loop of calls, and every result of a piece is then flushed.
+//
+// Where the gate admits them, vector replicas of the library's functions take the place of the calls
+// (libm_avx2.cpp); the gate runs at the first block call, so runs that call no function never pay
+// for it.
 #define ZV_LIBM_IMPLEMENTATION
-#include "kernels/libm.h"
+#include "kernels/libm_internal.h"
 
 #include <algorithm>
 #include <iterator>
@@ -68,19 +72,38 @@ template <float (*F)(float, float)> void MapPairsScalar(const float *pairs, floa
   }
 }
 
-using MapFn = void (*)(const float *, float *, uint64_t);
-constexpr MapFn kScalarMaps[] = {MapScalar<expf>,  MapScalar<logf>,  MapScalar<sinf>,  MapScalar<cosf>,
+constexpr LibMapFn kScalarMaps[] = {MapScalar<expf>,  MapScalar<logf>,  MapScalar<sinf>,  MapScalar<cosf>,
                                  MapScalar<tanf>,  MapScalar<asinf>, MapScalar<acosf>, MapScalar<atanf>};
 static_assert(std::size(kScalarMaps) == static_cast<size_t>(LibUnary::Count));
-constexpr MapFn kScalarPairMaps[] = {MapPairsScalar<Phase>, MapPairsScalar<Magnitude>};
+constexpr LibPairMapFn kScalarPairMaps[] = {MapPairsScalar<Phase>, MapPairsScalar<Magnitude>};
 static_assert(std::size(kScalarPairMaps) == static_cast<size_t>(LibPair::Count));
+
+// The functions in use, chosen at the first call.
+LibMapFn gMaps[kLibUnaryCount];
+LibPairMapFn gPairMaps[kLibPairCount];
+bool gChosen = false;
+
+void Choose() {
+  const LibGate gate = LibCheckGate();
+  for (uint32_t f = 0; f < kLibUnaryCount; ++f)
+    gMaps[f] = (gate.unary >> f & 1) && kAvx2Maps[f] ? kAvx2Maps[f] : kScalarMaps[f];
+  for (uint32_t f = 0; f < kLibPairCount; ++f)
+    gPairMaps[f] = (gate.pair >> f & 1) && kAvx2PairMaps[f] ? kAvx2PairMaps[f] : kScalarPairMaps[f];
+  gChosen = true;
+}
 
 }  // namespace
 
-void LibMap(LibUnary f, const float *src, float *dst, uint64_t n) {
+void LibMapScalar(LibUnary f, const float *src, float *dst, uint64_t n) {
   kScalarMaps[static_cast<uint32_t>(f)](src, dst, n);
 }
 
+void LibMap(LibUnary f, const float *src, float *dst, uint64_t n) {
+  if (__builtin_expect(!gChosen, 0)) Choose();
+  gMaps[static_cast<uint32_t>(f)](src, dst, n);
+}
+
 void LibMapPairs(LibPair f, const float *pairs, float *dst, uint64_t n) {
-  kScalarPairMaps[static_cast<uint32_t>(f)](pairs, dst, n);
+  if (__builtin_expect(!gChosen, 0)) Choose();
+  gPairMaps[static_cast<uint32_t>(f)](pairs, dst, n);
 }

@@ -2,25 +2,61 @@
 // the C library's generator, the sequence rand() gives, whose range is 0 .. 2^31-1; draws are taken
 // strictly in element order, so a run reproduces its noise whether it writes a new file or works in
 // place.
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <emmintrin.h>
 
 #include "kernels/element.h"
 
 namespace {
 
-// rand() itself takes a lock on every call, about four times the cost of the draw; random_r on a
-// state of our own gives the same sequence for the same seed (glibc's default: the additive
-// feedback generator with 128 bytes of state).
-struct random_data gRandom;
-char gRandomState[128];
+// rand()'s generator is glibc's additive feedback generator with 128 bytes of state: values
+// r[i] = r[i-31] + r[i-3] modulo 2^32, each giving the draw r[i] >> 1. The library seeds it
+// (initstate_r gives exactly srand's state); from there it runs here, a batch of draws at a time,
+// instead of one call and, through rand(), one lock per draw.
+constexpr uint32_t kLag = 31, kShortLag = 3;
+constexpr uint32_t kBatch = 1023;  // a multiple of the short lag
+
+struct Generator {
+  uint32_t r[kBatch + kLag];  // the batch's values after the 31 values before it
+  int32_t draws[kBatch];
+  uint32_t next = kBatch;  // the next unused draw
+  uint64_t batch = 0;      // batches made so far
+};
+Generator gGen;
 bool gSeeded = false;
 
+void Refill() {
+  if (!gSeeded) ComputeRandomSeed(1);  // unseeded, rand() starts as if seeded with 1
+  uint32_t *r = gGen.r;
+  std::memmove(r, r + kBatch, kLag * sizeof *r);  // the last 31 values start the next batch
+  // Three interleaved chains kept in registers (value i needs value i-3 at once).
+  uint32_t a = r[kLag - 3], b = r[kLag - 2], c = r[kLag - 1];
+  for (uint32_t i = kLag; i < kBatch + kLag; i += kShortLag) {
+    r[i] = a += r[i - kLag];
+    r[i + 1] = b += r[i + 1 - kLag];
+    r[i + 2] = c += r[i + 2 - kLag];
+  }
+  for (uint32_t i = 0; i < kBatch; ++i) gGen.draws[i] = static_cast<int32_t>(r[kLag + i] >> 1);
+  gGen.next = 0;
+  ++gGen.batch;
+}
+
 inline int32_t Draw() {
-  if (__builtin_expect(!gSeeded, 0)) ComputeRandomSeed(1);
-  int32_t r;
-  random_r(&gRandom, &r);
-  return r;
+  if (__builtin_expect(gGen.next == kBatch, 0)) Refill();
+  return gGen.draws[gGen.next++];
+}
+
+// The next draws in order, as many as are ready and at most want (at least one).
+const int32_t *TakeDraws(uint64_t want, uint64_t *got) {
+  if (gGen.next == kBatch) Refill();
+  *got = std::min<uint64_t>(want, kBatch - gGen.next);
+  const int32_t *p = gGen.draws + gGen.next;
+  gGen.next += static_cast<uint32_t>(*got);
+  return p;
 }
 
 // Scales a draw into [0, 1]; as a binary32 draw rounds up to 2^31 from 2147483584 on, 1 is reached.
@@ -30,36 +66,134 @@ constexpr float kUniformScale = 0x1p-31f;
 constexpr double kDrawScale = 4.656612875245797e-10;
 constexpr double kSignThreshold = 1073741823.5;
 
-enum class Noise { AddUniform, MulUniform, AddNormal, MulNormal };
-
-// One element of noise with amplitude a (scalar second operand; c = a * 2^-31 for uniform noise).
-template <Noise N> struct ScalarAmplitude {
-  float c;        // uniform: the amplitude times 2^-31
-  double a;       // Gaussian: the amplitude widened to binary64
-  explicit ScalarAmplitude(float amp) : c(amp * kUniformScale), a(static_cast<double>(amp)) {}
-  float Apply(float d) const {
-    if constexpr (N == Noise::AddUniform) return static_cast<float>(Draw()) * c + d;
-    else if constexpr (N == Noise::MulUniform) return (d * c) * static_cast<float>(Draw());
-    else if constexpr (N == Noise::AddNormal) return static_cast<float>(static_cast<double>(d) + RandomNormal(a));
-    else return static_cast<float>(RandomNormal(a) * static_cast<double>(d));
-  }
-};
-
-// One element of noise with its own amplitude b.
-template <Noise N> float ApplyElementAmplitude(float d, float b) {
-  if constexpr (N == Noise::AddUniform) return (b * kUniformScale) * static_cast<float>(Draw()) + d;
-  else if constexpr (N == Noise::MulUniform) return ((d * kUniformScale) * b) * static_cast<float>(Draw());
-  else if constexpr (N == Noise::AddNormal)
-    return static_cast<float>(static_cast<double>(d) + RandomNormal(static_cast<double>(b)));
-  else return static_cast<float>(RandomNormal(static_cast<double>(b)) * static_cast<double>(d));
+// The polar method's pair: draws u and v (u first) until s = v*v + u*u < 1. draw() gives the draws.
+template <class DrawFn> inline void DrawPair(DrawFn draw, double *s, double *u) {
+  double uu, vv, ss;
+  do {
+    uu = static_cast<double>(draw()) * kDrawScale;
+    vv = static_cast<double>(draw()) * kDrawScale;
+    ss = vv * vv + uu * uu;
+  } while (ss >= 1.0);
+  *s = ss;
+  *u = uu;
 }
 
-template <Noise N, class A> void NoiseLoop(uint32_t operand2_is_array, const A *amp, uint64_t count, float *d) {
-  if (operand2_is_array) {
-    for (uint64_t k = 0; k < count; ++k) d[k] = ApplyElementAmplitude<N>(d[k], ElementToReal32(amp[k]));
-  } else {
-    const ScalarAmplitude<N> noise(ElementToReal32(amp[0]));
-    for (uint64_t k = 0; k < count; ++k) d[k] = noise.Apply(d[k]);
+// The polar method's pairs of a whole batch, computed in vector loops: for every draw j the pair that
+// starts there (u = draw j, v = draw j+1) and whether it would be kept (bit j of kept). A run of
+// samples then finds its pairs by bit scans instead of a loop with an unpredictable branch.
+struct PairTable {
+  double u[kBatch], s[kBatch + 1];  // s read in pairs
+  uint64_t kept[kBatch / 64 + 2] = {};  // words past the batch stay zero
+  uint64_t batch = 0;                   // the batch described (0: none yet)
+};
+PairTable gPairs;
+
+void MakePairTable() {
+  PairTable &t = gPairs;
+  double square[kBatch + 2];
+  for (uint32_t j = 0; j < kBatch; ++j) {
+    t.u[j] = static_cast<double>(gGen.draws[j]) * kDrawScale;
+    square[j] = t.u[j] * t.u[j];
+  }
+  square[kBatch] = square[kBatch + 1] = 1.0;  // v in the next batch: never kept here
+  // s = v*v + u*u and its test, two pairs at a time.
+  const __m128d one = _mm_set1_pd(1.0);
+  for (uint32_t w = 0; w * 64 < kBatch; ++w) {
+    uint64_t bits = 0;
+    for (uint32_t b = 0; b < 64 && w * 64 + b < kBatch; b += 2) {
+      const uint32_t j = w * 64 + b;
+      const __m128d s = _mm_add_pd(_mm_loadu_pd(&square[j + 1]), _mm_loadu_pd(&square[j]));
+      _mm_storeu_pd(&t.s[j], s);
+      bits |= static_cast<uint64_t>(_mm_movemask_pd(_mm_cmplt_pd(s, one))) << b;
+    }
+    t.kept[w] = bits;
+  }
+  t.batch = gGen.batch;
+}
+
+// Across the end of a batch (or before its table is made): draw by draw.
+[[gnu::noinline]] void DrawNormalSlowly(double *s, double *u, bool *positive) {
+  DrawPair(Draw, s, u);
+  *positive = static_cast<double>(Draw()) >= kSignThreshold;
+  if (gGen.next < kBatch / 2 && gPairs.batch != gGen.batch) MakePairTable();
+}
+
+// One sample's draws: the accepted pair's s and u, and whether the sign draw keeps g positive.
+inline void DrawNormal(double *s, double *u, bool *positive) {
+  const uint32_t p = gGen.next;
+  if (gPairs.batch == gGen.batch && p < kBatch) {
+    // Pairs start at p, p + 2, ...: the first kept one among the next 64 draws.
+    const uint32_t w = p / 64, shift = p % 64;
+    const uint64_t window = (gPairs.kept[w] >> shift) | (shift ? gPairs.kept[w + 1] << (64 - shift) : 0);
+    const uint64_t even = window & 0x5555555555555555u;
+    const uint32_t at = p + static_cast<uint32_t>(__builtin_ctzll(even | (uint64_t{1} << 63)));
+    if (even != 0 && at + 2 < kBatch) {
+      *s = gPairs.s[at];
+      *u = gPairs.u[at];
+      *positive = static_cast<double>(gGen.draws[at + 2]) >= kSignThreshold;
+      gGen.next = at + 3;
+      return;
+    }
+  }
+  DrawNormalSlowly(s, u, positive);
+}
+
+enum class Noise { AddUniform, MulUniform, AddNormal, MulNormal };
+
+// The amplitude of element j as binary32: its own element, or the single number.
+template <class A> struct Amplitude {
+  const A *amp;
+  bool per_element;
+  float operator[](uint64_t j) const { return ElementToReal32(amp[per_element ? j : 0]); }
+};
+
+// Uniform noise over the draws as they come, in runs that vectorise.
+template <Noise N, class A> void UniformLoop(Amplitude<A> amp, uint64_t count, float *d) {
+  const float c = amp.per_element ? 0.0f : amp[0] * kUniformScale;
+  for (uint64_t k = 0; k < count;) {
+    uint64_t m;
+    const int32_t *r = TakeDraws(count - k, &m);
+    float *dk = d + k;
+    if (amp.per_element) {
+      const A *b = amp.amp + k;
+      for (uint64_t j = 0; j < m; ++j) {
+        if constexpr (N == Noise::AddUniform)
+          dk[j] = (ElementToReal32(b[j]) * kUniformScale) * static_cast<float>(r[j]) + dk[j];
+        else dk[j] = ((dk[j] * kUniformScale) * ElementToReal32(b[j])) * static_cast<float>(r[j]);
+      }
+    } else {
+      for (uint64_t j = 0; j < m; ++j) {
+        if constexpr (N == Noise::AddUniform) dk[j] = static_cast<float>(r[j]) * c + dk[j];
+        else dk[j] = (dk[j] * c) * static_cast<float>(r[j]);
+      }
+    }
+    k += m;
+  }
+}
+
+// Gaussian noise piece by piece: the draws element by element (pairs until one is accepted, then the
+// sign), the library's binary64 log of each accepted s, and then the rest in vector loops, in the
+// order RandomNormal computes it (the sign applied by negating g, before the amplitude).
+template <Noise N, class A> void NormalLoop(Amplitude<A> amp, uint64_t count, float *d) {
+  constexpr uint64_t kPiece = 256;
+  double s[kPiece], u[kPiece], log_s[kPiece], a[kPiece];
+  uint64_t negate[kPiece];  // sign bit of g to flip
+  for (uint64_t k = 0; k < count; k += kPiece) {
+    const uint64_t m = std::min(kPiece, count - k);
+    for (uint64_t j = 0; j < m; ++j) {
+      bool positive;
+      DrawNormal(&s[j], &u[j], &positive);
+      negate[j] = positive ? 0 : uint64_t{1} << 63;
+    }
+    for (uint64_t j = 0; j < m; ++j) log_s[j] = LibLog64(s[j]);
+    for (uint64_t j = 0; j < m; ++j) a[j] = static_cast<double>(amp[k + j]);
+    float *dk = d + k;
+    for (uint64_t j = 0; j < m; ++j) {
+      const double g = std::sqrt((log_s[j] * -2.0) / s[j]) * u[j];
+      const double noise = std::bit_cast<double>(std::bit_cast<uint64_t>(g) ^ negate[j]) * a[j];
+      if constexpr (N == Noise::AddNormal) dk[j] = static_cast<float>(static_cast<double>(dk[j]) + noise);
+      else dk[j] = static_cast<float>(noise * static_cast<double>(dk[j]));
+    }
   }
 }
 
@@ -74,7 +208,9 @@ template <Noise N> uint32_t NoiseKernel(ZV_KERNEL_ARGS) {
     if constexpr (kIsCmplx<A>) {
       return ComputeTypeError(src2_type);
     } else {
-      NoiseLoop<N>(operand2_is_array, static_cast<const A *>(src2), count, d);
+      const Amplitude<A> amp{static_cast<const A *>(src2), operand2_is_array != 0};
+      if constexpr (N == Noise::AddUniform || N == Noise::MulUniform) UniformLoop<N>(amp, count, d);
+      else NormalLoop<N>(amp, count, d);
       return 0;
     }
   });
@@ -83,8 +219,14 @@ template <Noise N> uint32_t NoiseKernel(ZV_KERNEL_ARGS) {
 }  // namespace
 
 void ComputeRandomSeed(uint32_t seed) {
-  gRandom = {};
-  initstate_r(seed, gRandomState, sizeof gRandomState, &gRandom);
+  random_data data{};
+  char state[128];
+  initstate_r(seed, state, sizeof state, &data);
+  // The library's ring of 31 values, oldest (the one its next step replaces) first.
+  const int32_t *ring = data.state;
+  const long oldest = data.fptr - ring;
+  for (uint32_t j = 0; j < kLag; ++j) gGen.r[kBatch + j] = static_cast<uint32_t>(ring[(oldest + j) % kLag]);
+  gGen.next = kBatch;
   gSeeded = true;
 }
 
@@ -92,12 +234,8 @@ int32_t ComputeRandomDraw() { return Draw(); }
 
 // Polar method on the first quadrant; a separate draw gives the sign.
 double RandomNormal(double a) {
-  double u, v, s;
-  do {
-    u = static_cast<double>(Draw()) * kDrawScale;
-    v = static_cast<double>(Draw()) * kDrawScale;
-    s = v * v + u * u;
-  } while (s >= 1.0);
+  double s, u;
+  DrawPair(Draw, &s, &u);
   double g = std::sqrt((LibLog64(s) * -2.0) / s) * u;
   if (static_cast<double>(Draw()) >= kSignThreshold) return g * a;
   return (-g) * a;

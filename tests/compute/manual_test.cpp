@@ -45,7 +45,7 @@ TEST(Manual, InstallGivesAWorkingBinaryAndARenderablePage) {
 TEST(Progress, ShownOnlyAtATerminalAndCleared) {
   if (Shell("command -v script").status != 0) GTEST_SKIP() << "script is not installed";
   TempDir dir;
-  const uint64_t n = 3ull << 24;  // three blocks of Gaussian noise take well over a second
+  const uint64_t n = 5ull << 24;  // five blocks of Gaussian noise take well over a second
   ASSERT_TRUE(WriteImage(dir / "a.img", TypeReal32, {n}, std::vector<float>(n, 0.0f)));
   const std::string cmd = std::string("'") + ZVCOMPUTE_BIN + "' '" + (dir / "o.img") + "' = '" + (dir / "a.img") + "' +nran 1";
   // A cursor-moving terminal gets one self-updating line; a dumb one plain lines. Any line before

@@ -306,7 +306,7 @@ bool Close(long double got, long double want, long double scale, bool exact, Ele
 }
 
 void Sweep(const Family &f, ElementType t1, ElementType t2, ElementType dt, bool forced) {
-  const uint64_t n = 61;
+  const uint64_t n = f.noise ? 3001 : 61;  // noise: long enough to run through many batches of draws
   Buf a = Sample(t1, n);
   const Buf b = Sample(t2 ? t2 : TypeInt8, n + 7);
   for (uint64_t i = 0; f.block && i < n; ++i)  // statistics of values where binary32 arithmetic is exact enough

@@ -1,0 +1,39 @@
+// Between the block calls of the C library's functions, their run-time gate and the vector replicas.
+#pragma once
+#include <cstdint>
+
+#include "kernels/libm.h"
+
+using LibMapFn = void (*)(const float *src, float *dst, uint64_t n);
+using LibPairMapFn = void (*)(const float *pairs, float *dst, uint64_t n);
+
+inline constexpr uint32_t kLibUnaryCount = static_cast<uint32_t>(LibUnary::Count);
+inline constexpr uint32_t kLibPairCount = static_cast<uint32_t>(LibPair::Count);
+
+// Vector replicas for processors with AVX2 and FMA, equal to the library's results on every binary32
+// input where the gate admits them (null: no replica). They flush like the scalar block calls.
+extern const LibMapFn kAvx2Maps[kLibUnaryCount];
+extern const LibPairMapFn kAvx2PairMaps[kLibPairCount];
+
+// Whether this process runs where the replicas were verified: the floating-point control state of the
+// verification, a processor with AVX2 and FMA, and a libm build on the verified list.
+bool LibVerifiedHost();
+
+// Which replicas may stand in for the library in this process: bit f of unary, bit f of pair. On a
+// verified host, each replica whose function the library binds in the replicated variant.
+struct LibGate {
+  uint32_t unary = 0, pair = 0;
+};
+LibGate LibCheckGate();
+
+// Arguments on which the library's FMA and SSE2 builds give different results, per function (none
+// for the functions whose builds agree everywhere): the gate's probes of the bound build.
+struct LibProbes {
+  LibUnary f;
+  const uint32_t *args;
+  uint32_t n;
+};
+extern const LibProbes kLibProbes[3];
+
+// The scalar block calls, which flush on both sides (the fallback and the reference).
+void LibMapScalar(LibUnary f, const float *src, float *dst, uint64_t n);
