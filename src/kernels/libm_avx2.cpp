@@ -388,13 +388,20 @@ ZV_AVX2 __m256 TanEval(__m256 x, int *special) {
 // ---- asinf, acosf ---------------------------------------------------------------------------------
 // The older single-precision code of the library's only build: a polynomial in x*x below 0.5 and in
 // (1 - |x|)/2 above, with its square root, and some splitting into high and low parts. Every lane
-// computes its branches here; |x| > 1 and NaN go to the library (whose wrapper gives its own NaN).
+// computes its branches here. For |x| > 1 the library's wrapper gives its own NaN, 0x7fc00000 (not the
+// kernel's); NaN arguments go to the library.
 
 constexpr float kAsinP[5] = {1.666675248e-1f, 7.495297643e-2f, 4.547037598e-2f, 2.417951451e-2f, 4.216630880e-2f};
 
 ZV_AVX2 inline __m256 AsinPoly(__m256 t) {
   return Mul(t, Add(Set(kAsinP[0]), Mul(t, Add(Set(kAsinP[1]), Mul(t, Add(Set(kAsinP[2]),
              Mul(t, Add(Set(kAsinP[3]), Mul(t, Set(kAsinP[4]))))))))));
+}
+
+// |x| > 1 (ix the magnitude bits, NaN excluded): the wrapper's NaN.
+ZV_AVX2 inline __m256 OutsideUnitInterval(__m256 y, __m256i ix) {
+  const __m256 outside = _mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f800000)));
+  return _mm256_blendv_ps(y, _mm256_castsi256_ps(_mm256_set1_epi32(0x7fc00000)), outside);
 }
 
 ZV_AVX2 inline __m256 KeepHigh(__m256 x) {
@@ -404,7 +411,7 @@ ZV_AVX2 inline __m256 KeepHigh(__m256 x) {
 ZV_AVX2 __m256 AsinEval(__m256 x, int *special) {
   const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
   const __m256i ix = _mm256_castps_si256(_mm256_andnot_ps(sign, x));
-  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f800000))));
   const float pio2_hi = 1.57079637050628662109375f, pio2_lo = -4.37113900018624283e-8f;
   const float pio4_hi = 0.785398185253143310546875f;
   const __m256 one = Set(1.0f), two = Set(2.0f);
@@ -427,7 +434,8 @@ ZV_AVX2 __m256 AsinEval(__m256 x, int *special) {
   y = _mm256_blendv_ps(y, x, Below(ix, 0x32000000));  // below 2^-27: x itself
   // |x| = 1: x*pio2_hi + x*pio2_lo.
   const __m256 unit = Add(Mul(x, Set(pio2_hi)), Mul(x, Set(pio2_lo)));
-  return _mm256_blendv_ps(y, unit, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  y = _mm256_blendv_ps(y, unit, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  return OutsideUnitInterval(y, ix);
 }
 
 constexpr float kAcosP[6] = {1.6666667163e-01f, -3.2556581497e-01f, 2.0121252537e-01f,
@@ -438,7 +446,7 @@ ZV_AVX2 __m256 AcosEval(__m256 x, int *special) {
   const __m256 sign = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0x80000000u)));
   const __m256i hx = _mm256_castps_si256(x);
   const __m256i ix = _mm256_castps_si256(_mm256_andnot_ps(sign, x));
-  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  *special = _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f800000))));
   const float pi = 3.1415925026e+00f, pio2_hi = 1.5707962513e+00f, pio2_lo = 7.5497894159e-08f;
   const __m256 one = Set(1.0f), two = Set(2.0f), half = Set(0.5f);
   const __m256 small = Below(ix, 0x3f000000);
@@ -462,7 +470,8 @@ ZV_AVX2 __m256 AcosEval(__m256 x, int *special) {
                        _mm256_castsi256_ps(_mm256_cmpgt_epi32(_mm256_set1_epi32(0x32800001), ix)));
   // |x| = 1: 0 for 1, pi + 2*pio2_lo for -1.
   const __m256 unit = _mm256_and_ps(negative, Add(Set(pi), Mul(two, Set(pio2_lo))));
-  return _mm256_blendv_ps(y, unit, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  y = _mm256_blendv_ps(y, unit, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_set1_epi32(0x3f800000))));
+  return OutsideUnitInterval(y, ix);
 }
 
 // ---- hypotf, atan2f on complex parts ---------------------------------------------------------------
