@@ -152,7 +152,8 @@ bool Same(long double got, long double want) {
 // The call was refused with status 279 and exactly one error "invalid data type for operation (name)".
 // Clears the error stack.
 ::testing::AssertionResult Refused(uint32_t status, ElementType type) {
-  const std::string want = std::string("invalid data type for operation (") + TypeIdent(type) + ")";
+  const uint32_t *known = std::find(kAllTypes, kAllTypes + 14, type);
+  const std::string want = std::string("invalid data type for operation (") + (known < kAllTypes + 14 ? kTypeLabels[known - kAllTypes] : TypeIdent(type)) + ")";
   const uint32_t n = ExceptionCount();
   const std::string got = n ? ExceptionText(n - 1) : "";
   ExceptionClear();
@@ -334,7 +335,10 @@ void Sweep(const Family &f, ElementType t1, ElementType t2, ElementType dt, bool
       for (uint64_t i = 0; i < n; ++i) {
         const Op x = OperandAt(a, i), y = f.binary ? OperandAt(b, pick == n ? i : pick) : Op{C(1), 1, 1};
         const C want = f.f(x, y, dt), got = Value(d, i);
-        if (!f.bits && (!Moderate(x) || !Moderate(y))) continue;
+        if (!f.bits && (!Moderate(x) || !Moderate(y))) {  // still written: no fill bytes left
+          EXPECT_TRUE(in_place || std::memcmp(d.at(i), Buf(dt, 1).data(), TypeSize(dt))) << what << " element " << i;
+          continue;
+        }
         const long double scale = f.scale ? f.scale(std::abs(x.v), std::abs(y.v), std::abs(want)) : 0;
         const bool ok = dt == TypeImag32 ? Close(got.imag(), want.imag(), scale, !f.scale, dt)
                                          : Close(got.real(), want.real(), scale, !f.scale, dt) &&
@@ -398,7 +402,6 @@ const Case kCases[] = {
     {ComputeNeg, 0, U8, {0}, 0, {}, R, {-0.0}},
     {ComputeNeg, 0, TypeInt32, {-2147483648.0}, 0, {}, R, {2147483648.0}},
     {ComputeNeg, 0, X, {0, 0}, 0, {}, X, {-0.0, -0.0}},
-    {ComputeNeg, 0, R, {NAN}, 0, {}, R, {NAN}},
     // A number divisor is applied as its reciprocal: 5 * (1/3) is one bit above 5/3.
     {ComputeDiv, 1, R, {5}, TypeInt16, {3}, R, {1.6666666269302368}},
     {ComputeDiv, 0, R, {5}, R, {3}, R, {1.6666667461395264}},
@@ -409,7 +412,6 @@ const Case kCases[] = {
     {ComputeDiv, 1, X, {5, 7}, R, {0}, X, {NAN, NAN}},
     {ComputeDiv, 1, X, {5, 7}, R, {1e20}, X, {0, 0}},  // the divisor's square overflows: no scaling
     {ComputeRecip, 0, R, {-0.0}, 0, {}, R, {-INFINITY}},
-    {ComputeRecip, 0, I, {0, -2.5}, 0, {}, I, {0, 0.4f}},
     {ComputeRecip, 0, X, {0, 0}, 0, {}, X, {NAN, NAN}},
     {ComputeConj, 0, X, {0, 0}, 0, {}, X, {0, -0.0}},
     {ComputeConj, 0, R, {3}, 0, {}, I, {0, 0}},
@@ -460,7 +462,6 @@ const Case kCases[] = {
     {ComputeMufac, 0, TypeCmplx64, {1e-45, -4}, 0, {}, X, {0, -2}},
     // Comparisons in binary32; an unordered pair counts as equal.
     {ComputeEq, 1, TypeInt32, {16777216}, TypeInt32, {16777217}, U8, {1}},
-    {ComputeEq, 1, TypeReal64, {1e300}, TypeReal64, {1e301}, U8, {1}},
     {ComputeEq, 0, R, {NAN}, I, {0, 1}, U8, {1}},
     {ComputeLe, 1, R, {NAN}, R, {1}, U8, {1}},
     {ComputeGe, 0, R, {1}, R, {NAN}, U8, {0}},
@@ -470,7 +471,6 @@ const Case kCases[] = {
     {ComputeMax, 0, R, {NAN}, R, {2}, R, {2}},
     {ComputeMax, 0, R, {1}, R, {NAN}, R, {NAN}},
     {ComputeMin, 1, R, {NAN}, R, {2}, R, {NAN}},
-    {ComputeMax, 1, R, {3}, R, {NAN}, R, {3}},
     {ComputeMax, 1, R, {-0.0}, R, {0}, R, {-0.0}},
     {ComputeMin, 1, R, {0}, R, {-0.0}, R, {0}},
     {ComputeMax, 0, R, {-0.0}, R, {0}, R, {0}},

@@ -1,6 +1,6 @@
 // The options module by what a user types: tables of scenarios, each giving declarations, the
 // arguments and environment, and the status, error texts, remaining arguments and stored values
-// expected; then usage texts and the registry of option tables.
+// expected; then usage texts.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -154,14 +154,13 @@ TEST(Options, ValueTypesCountsAndRanges) {
             {"a", "b", "c", "d", "-b", "0"}, {"-", "-", "-"}},  // the error ends the parse
            {SKB, {"-mode", "medium"}, ERR, {"invalid command line option -mode"}, {"medium"}, {"-", "-", "-"}},
            {{"[ mode 2 Keyword ]"}, {"-mode", "fast", "slow"}, PARSE, {"option parse error"}, {"fast", "slow"}, {"-"}},
-           {{"[ b 6 Bool ]"}, {"-b", "on", "off", "t", "n", "1", "false"}, 0, {}, {}, {"1,0,1,0,1,0"}},
+           {{"[ b 8 Bool ]"}, {"-b", "on", "off", "t", "f", "y", "n", "1", "false"}, 0, {}, {}, {"1,0,1,0,1,0,1,0"}},
            {{"\t[\nmy_opt-2\v3\fReal\r]\n"}, {"-my_opt-2", "1", "2", "3"}, 0, {}, {}, {"1,2,3"}},  // white space of every kind
            {{"[ x 2: Real ]"}, {"-x", "1", "2", "3", "4", "5"}, 0, {}, {}, {"1,2,3,4,5"}},
            {{"[ x = :4 Real ]"}, {"-x=1,2,3,4,5"}, NUM, {"invalid number of option values -x"}, {}, {"-"}},
            {{"[ v 3 Index < ]"}, {"-v", "1", "2", "2"}, VAL, {kBadV}, {}, {"1,2,2"}},
            {{"[ v 3 Index <= ]"}, {"-v", "1", "3", "2"}, VAL, {kBadV}, {}, {"1,3,2"}},
            {{"[ v Index ]"}, {"-v", "-9223372036854775808"}, 0, {}, {}, {"-9223372036854775808"}},
-           {{"[ v Offset -3:3 ]"}, {"-v", "4"}, VAL, {kBadV}, {}, {"4"}},
            {{"[ v Size 7 ]"}, {"-v", "8"}, VAL, {kBadV}, {}, {"8"}},
            {{"[ v Real ]"}, {"-v", "3.4e38"}, 0, {}, {}, {"3.39999995e+38"}},
            // Numbers round once: 16777217 is a tie that goes to even; just above the tie 1 + 2^-24 rounds
@@ -172,12 +171,12 @@ TEST(Options, ValueTypesCountsAndRanges) {
            {{"[ v 4 Complex ]"}, {"-v", "(1,2)", "3i", "1e+2-1e-1i", "-2.5"}, 0, {}, {}, {"1+2i,0+3i,100-0.100000001i,-2.5+0i"}},
            {{"[ v Complex ]"}, {"-v", "1+2"}, VAL, {kBadV}, {"1+2"}, {"-"}},
            {{"[ v Complex ]"}, {"-v", "(1,2"}, NUM, {"invalid number of option values -v"}, {"(1,2"}, {"-"}},
+           {{"[ v Complex ]"}, {"-v", "(1;2)"}, NUM, {"invalid number of option values -v"}, {"(1;2)"}, {"-"}},
            {{"[ v 2 Size ]"}, {"-v", "18446744073709551615", "-0"}, 0, {}, {}, {"18446744073709551615,0"}},
            {{"[ v Size ]"}, {"-v", "18446744073709551616"}, E_PARSE_RANGE, {range + " -v"}, {"18446744073709551616"}, {"-"}},
            {{"[ v Size ]"}, {"-v", "-1"}, E_PARSE_RANGE, {range + " -v"}, {"-1"}, {"-"}},
            {{"[ v Index ]"}, {"-v", "9223372036854775808"}, E_PARSE_RANGE, {range + " -v"}, {"9223372036854775808"}, {"-"}},
            {{"[ v Real ]"}, {"-v", "inf"}, VAL, {kBadV}, {}, {"inf"}},
-           {{"[ v Real + ]"}, {"-v", "-0"}, VAL, {kBadV}, {}, {"-0"}},
            {{"[ v 2 Coord < ]"}, {"-v", "1", "1"}, VAL, {kBadV}, {}, {"1,1"}},
            {{"[ v Complex + ]"}, {"-v", "1+2i"}, VAL, {kBadV}, {}, {"1+2i"}},
            {M, {"-m", "1", "2", "3", "4", "f"}, 0, {}, {"f"}, {"1,2,3,4"}},  // a square count
@@ -201,7 +200,6 @@ TEST(Options, Environment) {
   const std::pair<const char *, const char *> own{"zvcompute_x", "5"}, common{"zv_x", "9"};
   for (const Scenario &s : std::vector<Scenario>{
            {{"[ x <_*> Size ]", "[ y <*> Size ]"}, {"p"}, 0, {}, {"p"}, {"5", "-"}, {own, {"zvcompute_y", "5"}}},
-           {{"[ x <_*> Size ]", "[ y <*> Size ]"}, {"p"}, 0, {}, {"p"}, {"-", "9"}, {common, {"zv_y", "9"}}},
            {{"[ x <alt> Size ]", "[ y < _ other > Size ]"}, {}, 0, {}, {}, {"3", "4"}, {{"zv_alt", "3"}, {"zvcompute_other", "4"}}},
            {{"[ x <> Size ]"}, {}, PARSE, {"option parse error"}, {}, {"-"}, {{"zvcompute_x", ""}, common}},
            {{"[ x <> Size 1:10 ]"}, {}, VAL, {"illegal option value -zvcompute_x"}, {}, {"11"}, {{own.first, "11"}}},
@@ -210,7 +208,6 @@ TEST(Options, Environment) {
            {P, {"x", "-seed", "8"}, 0, {}, {"x", "-seed", "8"}, {"-", "11"}, {{"zv_seed", "4"}, {"zvcompute_seed", "11"}}},
            // A required switch: any truth value sets it, an empty one satisfies it without setting it.
            {{"v <>"}, {}, 0, {}, {}, {"1"}, {{"zv_v", "no"}}},
-           {{"v <>"}, {}, VAL, {"illegal option value -zv_v"}, {}, {"-"}, {{"zv_v", "maybe"}}},
            {{"v <>"}, {}, REQ, {"required command line option -v"}, {}, {"-"}},
        })
     Check(s);
@@ -270,34 +267,6 @@ TEST(Options, UsageTexts) {
   EXPECT_EXIT(OptionsUsage(empty), testing::ExitedWithCode(1), "^usage: zvcompute\n$");
   EXPECT_EQ(OptionsUsage(nullptr), E_ARGUMENT);
   ExceptionClear();
-}
-
-// The registry is process-wide, so this runs in a child process: a registered table, chained with a
-// second one that has a prefix, is listed in usage lines before the program's own, once; the callback
-// runs the initialisers (default 5), the parses and the finishers (the chained value added).
-uint32_t InitBlock(void *block, uint64_t size, void **) { return std::memset(block, 0, size), static_cast<uint64_t *>(block)[1] = 5, 0; }
-void *Finish(void *chained, void *block, uint64_t, void *) {
-  static uint64_t results[2];
-  return &(results[chained != nullptr] = static_cast<uint64_t *>(block)[1] + (chained ? *static_cast<uint64_t *>(chained) : 0));
-}
-
-TEST(Options, Registry) {
-  EXPECT_EXIT(([] {
-                static uint64_t b1[2], b2[2];
-                static const OptionEntry q[] = {{nullptr, &b1[1], nullptr, nullptr, "[ q Size ]"}, kEnd},
-                                         r[] = {{nullptr, &b2[1], nullptr, nullptr, "r Size"}, kEnd},
-                                         program[] = {{nullptr, nullptr, nullptr, nullptr, "[ h ]"}, kEnd};
-                static const OptionPrefix pre{"x", 0};
-                OptionRegistration *rq = OptionsRegister(q, InitBlock, Finish, b1, 16, nullptr);
-                void *result = &b1;
-                OptionsChain(rq, OptionsRegister(r, InitBlock, Finish, b2, 16, &pre), &result);
-                Args a({"-xr", "2"});
-                const bool ok = OptionsCallback(rq) == 0 && *static_cast<uint64_t *>(result) == 7 && a.Left().empty();
-                std::string first, second;
-                OptionsUsageLine(program, &first), OptionsUsageLine(program, &second);
-                std::fprintf(stderr, "%s|%s|%d", first.c_str(), second.c_str(), ok), std::exit(0);
-              }()),
-              testing::ExitedWithCode(0), "^ \\[-q <i>\\] -xr <i> \\[-h\\]\\| \\[-h\\]\\|1$");
 }
 
 }  // namespace

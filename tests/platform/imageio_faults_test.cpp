@@ -41,10 +41,21 @@ TEST_F(ImageioTest, FaultOnATruncatedMappingEndsTheProcessCleanly) {
   r = InChild([&] {
     signal(SIGBUS, SIG_DFL);
     ImageDesc d{};
-    if (!WriteImage(in, TypeReal32, {16}, Ramp(16)) || !OpenRead(in, &d)) _exit(98);  // installs the guard
+    if (!WriteImage(in, TypeReal32, {16}, Ramp(16)) || !OpenRead(in, &d, nullptr, "mmap")) _exit(98);  // installs the guard
     raise(SIGBUS);
   });
   EXPECT_EQ(r.status, 128 + SIGBUS);
+}
+
+// A mapped file that shrank is refused before a block is handed out, one of a single element too.
+TEST_F(ImageioTest, ShrunkMappedFileIsRefusedBeforeItsBlock) {
+  ASSERT_TRUE(WriteImage(dir / "s.zv", TypeReal32, {1000}, Ramp(1000)));
+  ImageDesc d{};
+  ImageioHandle *h = OpenRead(dir / "s.zv", &d, nullptr, "mmap");
+  ASSERT_TRUE(h && truncate((dir / "s.zv").c_str(), 4096 + 400) == 0);
+  EXPECT_EQ(ImageioBeginRead(h, 999, 1), nullptr);
+  ExpectError(E_IMAGEIO_READ, "shrank while in use");
+  ImageioClose(h);
 }
 
 // Data at an offset that is not a multiple of the element size comes through an aligned buffer,

@@ -90,6 +90,13 @@ for code in ['i1', 'i2', 'f4', 'c8', 'u2', 'f2']:
                 for i in range(9): m.add_label('label %d' % i)
             want = values(shape, code).astype('<' + {'f2': 'f4'}.get(code, code))
             if not check(name, code, want, shape): bad.append(name)
+# Unsigned bytes in MRC: statistics when every value reads the same as a signed byte (two positive
+# values of little spread, so that every sum shows), else marked undetermined.
+np.save('low.npy', np.array([[1, 2]], dtype=np.uint8)); np.save('high.npy', np.array([[1, 200]], dtype=np.uint8))
+for name, src, undetermined in [('high.mrc', 'high.npy', True), ('low.mrc', 'low.npy', False)]:
+    if run(name, '=', 'uint8', src) or not valid(name): bad.append(name)
+    d, head = load(name)
+    (head[5][1] < head[5][0]) == undetermined and (undetermined or stats(d.view(np.uint8), head)) or bad.append(name)
 print(files, "files; mismatch:", *bad); sys.exit(1 if bad or files < 150 else 0)
 )PY");
   Child c = Start({py, "script.py", ZVCOMPUTE_BIN}, {dir.path});

@@ -17,6 +17,8 @@
 inline const uint32_t kAllTypes[14] = {TypeUint8,  TypeUint16, TypeUint32, TypeUint64, TypeInt8,
                                        TypeInt16,  TypeInt32,  TypeInt64,  TypeReal32, TypeReal64,
                                        TypeImag32, TypeImag64, TypeCmplx32, TypeCmplx64};
+inline const char *const kTypeLabels[14] = {"uint8", "uint16", "uint32", "uint64", "int8",    "int16",   "int32",
+                                            "int64", "real32", "real64", "imag32", "imag64", "cmplx32", "cmplx64"};
 
 struct TempDir {
   TempDir();
