@@ -11,6 +11,8 @@ command line (its own .v files).
               more untimed run per tool first warms the page cache and checks the output
 --smoke       everything once at 2^20 elements, no timing claims; exit status 1 if outputs disagree
 --zvcompute   binary to measure (default: built here, cmake Release into build-bench)
+--compare B   also time binary B (an earlier build) in the same rotation, as "before"; its outputs
+              must equal zvcompute's bit for bit
 --dir DIR     where the temporary directory with the inputs goes (default /tmp); removed at the end
 --markdown F  also write the tables as Markdown to F; --json F: every measurement as JSON
 
@@ -366,9 +368,10 @@ def tool_commands(ctx, inp, op, fmt, tool, outdir):
     o = OPS[op]
     ins = [inp.files[(fmt, nm)] for nm in o["ins"]]
     ext = FORMATS[fmt]
-    if tool == "zvcompute":
-        out = os.path.join(outdir, "zv" + ext)
-        return [ctx.zv] + o["zv"](out, [p for p, _ in ins]), out, [], None
+    if tool in ("zvcompute", "before"):
+        out = os.path.join(outdir, ("zv" if tool == "zvcompute" else "before") + ext)
+        binary = ctx.zv if tool == "zvcompute" else ctx.before
+        return [binary] + o["zv"](out, [p for p, _ in ins]), out, [], None
     if tool == "ref":
         out = os.path.join(outdir, "ref" + ext)
         argv = [ctx.ref, o["ref"][0], out, str(ins[0][1]), ins[0][0], str(ins[0][1])]
@@ -409,7 +412,7 @@ def tool_commands(ctx, inp, op, fmt, tool, outdir):
 
 
 def tools_for(ctx, op, fmt):
-    tools = ["zvcompute", "ref", "floor"]
+    tools = ["zvcompute", "ref", "floor"] + (["before"] if ctx.before else [])
     if OPS[op]["peer"] is None:
         return tools
     if fmt == "npy" and np is not None:
@@ -482,7 +485,7 @@ def check_output(kind, n, dtype, exp_path, got_path, a_file=None, got_off=None):
 
 
 def check_kind(op, tool):
-    if tool == "ref":
+    if tool in ("ref", "before"):
         return "exact"
     kind = OPS[op]["peer"]
     if tool == "vips" and op == "gt":
@@ -523,7 +526,7 @@ def run_size(ctx, n_log2, runs, results, failures):
                         with open(errfile) as f:
                             msg = f.read().strip()[-300:]
                         rec["check"] = f"exit status {code}: {msg}"
-                        (failures if t in ("zvcompute", "ref") else ctx.warnings).append(
+                        (failures if t in ("zvcompute", "ref", "before") else ctx.warnings).append(
                             f"2^{n_log2} {op} {fmt} {t}: {rec['check']}")
                         unlink(out, *extra)
                         if t == "zvcompute":
@@ -630,6 +633,9 @@ def fmt_s(v):
 def table_rows(results):
     head = ["size", "op", "format", "zvcompute s", "MiB", "C ref s", "ref/zv", "MiB", "floor s", "floor/zv",
             "peer", "peer s", "peer/zv", "MiB", "zv/floor", "zv/ref", "check"]
+    before = any("before" in case["tools"] for case in results)
+    if before:
+        head[-1:-1] = ["before s", "before/floor", "zv/before"]
     rows = []
     for case in results:
         t = case["tools"]
@@ -651,12 +657,16 @@ def table_rows(results):
             c = rec.get("check")
             if c:
                 checks.append(f"{name}: {c}")
-        zf = f"{zt / t['floor']['median']:.2f}" if zt and t.get("floor", {}).get("median") else "-"
+        fm = t.get("floor", {}).get("median")
+        zf = f"{zt / fm:.2f}" if zt and fm else "-"
         zr = f"{zt / t['ref']['median']:.2f}" if zt and t.get("ref", {}).get("median") else "-"
-        rows.append([f"2^{case['size']}", OPS[case["op"]]["label"], FORMAT_LABEL[case["fmt"]],
-                     fmt_s(zt), f"{zv['peak']:.0f}" if zv.get("peak") else "-",
-                     ref[0], ref[1], ref[2], flo[0], flo[1], peer or "-", pc[0], pc[1], pc[2], zf, zr,
-                     "; ".join(checks) or "ok"])
+        row = [f"2^{case['size']}", OPS[case["op"]]["label"], FORMAT_LABEL[case["fmt"]],
+               fmt_s(zt), f"{zv['peak']:.0f}" if zv.get("peak") else "-",
+               ref[0], ref[1], ref[2], flo[0], flo[1], peer or "-", pc[0], pc[1], pc[2], zf, zr]
+        if before:
+            bm = t.get("before", {}).get("median")
+            row += [fmt_s(bm), f"{bm / fm:.2f}" if bm and fm else "-", f"{zt / bm:.2f}" if zt and bm else "-"]
+        rows.append(row + ["; ".join(checks) or "ok"])
     return head, rows
 
 
@@ -718,6 +728,8 @@ def main():
     ap.add_argument("--runs", type=int, default=5, help="timed runs per tool and case (default 5)")
     ap.add_argument("--smoke", action="store_true", help="everything once at 2^20, no timing claims")
     ap.add_argument("--zvcompute", help="zvcompute binary (default: build it into build-bench)")
+    ap.add_argument("--compare", help="another zvcompute binary (an earlier build), timed side by side as "
+                    "'before'; its outputs must equal zvcompute's bit for bit")
     ap.add_argument("--dir", default="/tmp", help="parent of the temporary directory (default /tmp)")
     ap.add_argument("--ops", default=DEFAULT_OPS, help="comma-separated subset of " + ",".join(OPS)
                     + " (default " + DEFAULT_OPS + ")")
@@ -747,6 +759,9 @@ def main():
         runs = args.runs
         big, small = args.size + 2, 24
     ctx.zv = os.path.abspath(args.zvcompute) if args.zvcompute else build_zvcompute()
+    ctx.before = os.path.abspath(args.compare) if args.compare else None
+    if ctx.before and not os.access(ctx.before, os.X_OK):
+        raise SystemExit(f"bench: no zvcompute binary at {ctx.before}")
     if not os.access(ctx.zv, os.X_OK):
         raise SystemExit(f"bench: no zvcompute binary at {ctx.zv}")
     ctx.tmp = tempfile.mkdtemp(prefix="zvbench-", dir=args.dir)

@@ -1,12 +1,15 @@
-// Vector replicas of the C library's expf, logf, sinf and cosf for processors with AVX2 and FMA.
+// Vector replicas of the C library's binary32 functions (expf, logf, sinf, cosf, tanf, asinf, acosf,
+// atanf, and atan2f and hypotf of complex parts) for processors with AVX2 and FMA, equal to the
+// library (glibc 2.36 on x86-64) bit for bit.
 //
-// The library (glibc 2.36 on x86-64, the build selected on processors with FMA) evaluates these
-// functions in binary64, from a small table and a short polynomial, and rounds once to binary32.
-// The replicas do the same arithmetic on four binary64 lanes at a time, with the library's constants
-// and in its order of operations, so that every result is the library's bit for bit. The library's
-// build contracts some multiply-add steps into fused multiply-adds; the replicas fuse exactly those
-// steps (each is marked "fused as in the library's FMA build") and no others. Lanes outside the main
-// path of a function (huge, infinite or NaN arguments, zeros and negatives for logf) are handed to
+// expf, logf, sinf and cosf are evaluated by the library in binary64, from a small table and a short
+// polynomial, and rounded once to binary32; the replicas do the same arithmetic on four binary64
+// lanes at a time with the library's constants and order of operations. The library's build for
+// processors with FMA contracts some multiply-add steps into fused multiply-adds; the replicas fuse
+// exactly those steps (each is marked "fused as in the library's FMA build") and no others. The
+// other functions are older single-precision code with branches, of which the library has only a
+// build without fused steps; the replicas compute every branch on eight binary32 lanes and blend.
+// Lanes outside a replica's main path (huge, infinite or NaN arguments and the like) are handed to
 // the library itself. Arguments are flushed before and results after, as for the scalar calls.
 //
 // Whether the replicas may be used in a process is decided once by the gate (libm_gate.cpp).
