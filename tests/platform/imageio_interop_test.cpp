@@ -97,6 +97,10 @@ for name, src, undetermined in [('high.mrc', 'high.npy', True), ('low.mrc', 'low
     if run(name, '=', 'uint8', src) or not valid(name): bad.append(name)
     d, head = load(name)
     (head[5][1] < head[5][0]) == undetermined and (undetermined or stats(d.view(np.uint8), head)) or bad.append(name)
+# Infinities: an infinite or undefined mean, an undefined rms, as NumPy has them.
+for i, d in enumerate([[1, np.inf, 3], [np.inf, np.inf], [-np.inf, np.inf]]):
+    np.save('inf.npy', np.array([d], dtype=np.float32)); name = 'inf%d.mrc' % i
+    if run(name, '=', 'inf.npy', '+', '0') or not valid(name): bad.append(name)
 print(files, "files; mismatch:", *bad); sys.exit(1 if bad or files < 150 else 0)
 )PY");
   Child c = Start({py, "script.py", ZVCOMPUTE_BIN}, {dir.path});

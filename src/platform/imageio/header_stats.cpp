@@ -150,6 +150,6 @@ bool ImageioStatsResult(const ImageioStats &s, float *dmin, float *dmax, float *
   *dmin = static_cast<float>(s.min);
   *dmax = static_cast<float>(s.max);
   *dmean = static_cast<float>(s.shift + m1);
-  *rms = static_cast<float>(std::sqrt(var > 0 ? var : 0.0));
+  *rms = static_cast<float>(std::sqrt(var < 0 ? 0.0 : var));  // rounding can take var below 0; a NaN (infinities) stays
   return true;
 }
