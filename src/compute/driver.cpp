@@ -332,7 +332,9 @@ uint64_t PieceElements(const RunState &r) {
 
 // The block loop. Each block is worked through in pieces, each piece taken from the files, computed
 // and stored before the next: the operands and the result of a piece stay in the processor's cache
-// from the read to the write.
+// from the read to the write. Blocks smaller than a piece (the sub-arrays of a small broadcast
+// operand) are taken from the files many at a time, one piece holding whole blocks; the kernel is
+// still called once per block, since some kernels use statistics of the block they are given.
 uint32_t BlockLoop(const RunState &r) {
   ImageioHandle *dh = dst_slot->handle;
   ImageioHandle *h1 = r.count1 == r.total && !r.c.inplace ? src1_slot->handle : nullptr;
@@ -340,33 +342,41 @@ uint32_t BlockLoop(const RunState &r) {
   const Kernel kernel = r.kernel;
   const bool inplace = r.c.inplace, array2 = r.count2 != 0;
   const ElementType t1 = r.desc1.type, t2 = r.desc2.type, td = r.dst_type;
-  const uint64_t es1 = TypeSize(t1), es2 = TypeSize(t2), total = r.total, block = r.block;
-  const void *const bcast1 = r.bcast1, *const bcast2 = r.bcast2;
+  const uint64_t es1 = TypeSize(t1), es2 = TypeSize(t2), esd = TypeSize(td), total = r.total, block = r.block;
+  const unsigned char *const bcast1 = static_cast<const unsigned char *>(r.bcast1);
+  const unsigned char *const bcast2 = static_cast<const unsigned char *>(r.bcast2);
   const uint64_t unit = PieceElements(r);
-  ProgressStart(&progress, total, TypeSize(td));
-  uint64_t blocks = total ? (total - 1) / block + 1 : 0, blocks_done = 0;
+  const uint64_t group = block < unit ? unit / block * block : block;  // whole blocks taken together
+  ProgressStart(&progress, total, esd);
+  uint64_t blocks = total ? (total - 1) / block + 1 : 0;
   for (uint64_t offset = 0; offset < total;) {
-    uint64_t n = total - offset < block ? total - offset : block;
+    uint64_t n = total - offset < group ? total - offset : group;
     for (uint64_t part = 0; part < n;) {
       uint64_t m = n - part < unit ? n - part : unit, at = offset + part;
-      void *dbuf = inplace ? ImageioBeginRead(dh, at, m) : ImageioBeginWrite(dh, at, m);
+      unsigned char *dbuf = static_cast<unsigned char *>(inplace ? ImageioBeginRead(dh, at, m) : ImageioBeginWrite(dh, at, m));
       if (!dbuf) return NoBuffer();
       const void *s1 = dbuf, *s2 = r.number;  // in place; a number or nothing
       if (h1 && !(s1 = ImageioBeginRead(h1, at, m))) return NoBuffer();
-      if (bcast1) s1 = static_cast<const unsigned char *>(bcast1) + part * es1;
       if (h2 && !(s2 = ImageioBeginRead(h2, at, m))) return NoBuffer();
-      if (bcast2) s2 = static_cast<const unsigned char *>(bcast2) + part * es2;
 
-      uint32_t st = kernel(array2, s1, t1, s2, t2, m, dbuf, td);
-      if (st && ExceptionPush(st)) return st;
+      // One kernel call per block, or per piece of a block.
+      for (uint64_t done = 0; done < m;) {
+        const uint64_t within = (at + done) % block, k = m - done < block - within ? m - done : block - within;
+        const void *k1 = bcast1 ? bcast1 + within * es1 : static_cast<const unsigned char *>(s1) + done * es1;
+        const void *k2 = bcast2 ? bcast2 + within * es2 : h2 ? static_cast<const unsigned char *>(s2) + done * es2 : s2;
+        uint32_t st = kernel(array2, k1, t1, k2, t2, k, dbuf + done * esd, td);
+        if (st && ExceptionPush(st)) return st;
+        done += k;
+      }
 
+      uint32_t st;
       if (h2 && (st = ImageioEndRead(h2, at, m, const_cast<void *>(s2)))) return st;
       if (h1 && (st = ImageioEndRead(h1, at, m, const_cast<void *>(s1)))) return st;
       if ((st = ImageioEndWrite(dh, at, m, dbuf))) return st;
       part += m;
     }
     offset += n;
-    ProgressUpdate(&progress, offset, ++blocks_done, blocks);
+    ProgressUpdate(&progress, offset, (offset - 1) / block + 1, blocks);
   }
   return 0;
 }

@@ -166,6 +166,27 @@ TEST(Driver, SeedFromCommandLineAndEnvironment) {
   EXPECT_EQ(noise({"-seed", "4294967301"}, {"zv_seed=7"}), s5);  // the low 32 bits; the option first
 }
 
+// A small operand over many sub-arrays: the files are taken in pieces of many sub-arrays (three
+// elements do not divide a piece), and each sub-array meets the operand from its first element.
+TEST(Driver, SmallOperandOverManySubArrays) {
+  TempDir dir;
+  const uint64_t subs = 100001, n = 3 * subs;
+  std::vector<float> big(n);
+  for (size_t i = 0; i < n; ++i) big[i] = float(i);
+  const int16_t small[3] = {1, 10, 100};
+  ASSERT_TRUE(WriteImage(dir / "s.img", TypeInt16, {3}, small));
+  for (const Args &args : {Args{"o.img", "=", "big.img", "-", "s.img"}, Args{"o.img", "=", "s.img", "-", "big.img"}, Args{"big.img", "-", "s.img"}}) {
+    ASSERT_TRUE(WriteImage(dir / "big.img", TypeReal32, {3, 1, 1, subs}, big));
+    ASSERT_EQ(RunTool(args, {dir.path}).status, 0) << args[0] << args[2];
+    const std::vector<float> o = ReadImage(dir / args[0]).as<float>();
+    ASSERT_EQ(o.size(), n);
+    size_t wrong = 0;
+    const bool reversed = args.size() == 5 && args[2] == "s.img";
+    for (size_t i = 0; i < n; ++i) wrong += o[i] != (reversed ? small[i % 3] - big[i] : big[i] - small[i % 3]);
+    EXPECT_EQ(wrong, 0u) << args[0] << args[2];
+  }
+}
+
 // Mean removal and RMS normalisation use the statistics of each block of 2^24 elements, summed so
 // that no small term is lost (in binary32 the sums would drift far off).
 TEST(Driver, StatisticsArePerBlockOfTwoToThe24Elements) {
