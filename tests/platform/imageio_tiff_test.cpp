@@ -91,4 +91,15 @@ TEST_F(ImageioTest, TiffLayoutsOfOtherWritersInPiecesAndInPlace) {
   }
 }
 
+// libtiff (and the libraries it needs) is loaded by runs that meet a TIFF file, and only by them.
+TEST_F(ImageioTest, LibtiffLoadedOnlyWhenATiffFileIsMet) {
+  ASSERT_TRUE(WriteImage(dir / "a.img", TypeReal32, {4}, std::vector<float>{1, 2, 3, 4}));
+  ASSERT_TRUE(WriteImage(dir / "a.tif", TypeReal32, {4}, std::vector<float>{1, 2, 3, 4}));
+  for (const auto &[out, in, tiff] : {std::tuple{"o.img", "a.img", false}, {"o.tif", "a.img", true}, {"o.img", "a.tif", true}}) {
+    const RunResult r = RunTool({out, "=", in, "+", "1"}, {dir.path, {"LD_DEBUG=files"}});
+    EXPECT_EQ(r.status, 0) << out << " " << in;
+    EXPECT_EQ(r.err.find("libtiff") != std::string::npos, tiff) << out << " " << in;
+  }
+}
+
 }  // namespace

@@ -5,7 +5,6 @@
 // else is decoded by libtiff one strip, or one row of tiles, at a time into a buffer that is reused.
 // New files are written page by page in order, little-endian, in strips of about 1 MiB, and are
 // BigTIFF only when classic TIFF's 4 GiB of offsets could be exceeded.
-#include <tiffio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include "platform/core/errors.h"
 #include "platform/core/types.h"
 #include "platform/imageio/format.h"
+#include "platform/imageio/formats/tiff_library.h"
 
 namespace {
 
@@ -79,6 +79,15 @@ struct TiffState {
   uint64_t next;
   uint16_t compression;
 };
+
+const TiffLibrary *lib;  // libtiff's functions, once a TIFF file has been opened or checked for creation
+
+// Loads libtiff when a TIFF file is first met.
+uint32_t LoadLibrary(ImageioHandle *h) {
+  const char *why = nullptr;
+  if (TiffLibraryLoad(&lib, &why)) return ImageioFail(h, E_IMAGEIO_FORMAT, " (TIFF files need " ZV_TIFF_SONAME ", which cannot be loaded: ", why, ")");
+  return 0;
+}
 
 TiffState *State(ImageioHandle *h) { return static_cast<TiffState *>(h->format_state); }
 std::string Num(uint64_t v) { return std::to_string(v); }
@@ -142,16 +151,16 @@ void UnmapProc(thandle_t, void *, toff_t) {}
 bool OpenTiff(ImageioHandle *h, const char *mode) {
   TiffState *s = State(h);
   s->h = h;
-  TIFFSetErrorHandler(nullptr);  // nothing of libtiff's is ever printed
-  TIFFSetWarningHandler(nullptr);
-  TIFFOpenOptions *o = TIFFOpenOptionsAlloc();
+  lib->TIFFSetErrorHandler(nullptr);  // nothing of libtiff's is ever printed
+  lib->TIFFSetWarningHandler(nullptr);
+  TIFFOpenOptions *o = lib->TIFFOpenOptionsAlloc();
   if (!o) return false;
-  TIFFOpenOptionsSetMaxSingleMemAlloc(o, static_cast<tmsize_t>(kMaxBand));
-  TIFFOpenOptionsSetErrorHandlerExtR(o, OnError, s);
-  TIFFOpenOptionsSetWarningHandlerExtR(o, OnWarning, s);
-  s->tif = TIFFClientOpenExt(h->path.c_str(), mode, s, ReadProc, WriteProc, SeekProc, CloseProc, SizeProc, MapProc,
+  lib->TIFFOpenOptionsSetMaxSingleMemAlloc(o, static_cast<tmsize_t>(kMaxBand));
+  lib->TIFFOpenOptionsSetErrorHandlerExtR(o, OnError, s);
+  lib->TIFFOpenOptionsSetWarningHandlerExtR(o, OnWarning, s);
+  s->tif = lib->TIFFClientOpenExt(h->path.c_str(), mode, s, ReadProc, WriteProc, SeekProc, CloseProc, SizeProc, MapProc,
                              UnmapProc, o);
-  TIFFOpenOptionsFree(o);
+  lib->TIFFOpenOptionsFree(o);
   return s->tif != nullptr;
 }
 
@@ -174,20 +183,20 @@ uint32_t Layout(ImageioHandle *h) {
   TIFF *t = s->tif;
   uint32_t uw = 0, uh = 0;
   uint16_t compression = COMPRESSION_NONE;
-  TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
-  s->tiled = TIFFIsTiled(t);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
+  s->tiled = lib->TIFFIsTiled(t);
   if (s->tiled) {
-    TIFFGetField(t, TIFFTAG_TILEWIDTH, &uw);
-    TIFFGetField(t, TIFFTAG_TILELENGTH, &uh);
+    lib->TIFFGetField(t, TIFFTAG_TILEWIDTH, &uw);
+    lib->TIFFGetField(t, TIFFTAG_TILELENGTH, &uh);
   } else {
-    TIFFGetFieldDefaulted(t, TIFFTAG_ROWSPERSTRIP, &uh);
+    lib->TIFFGetFieldDefaulted(t, TIFFTAG_ROWSPERSTRIP, &uh);
     uw = static_cast<uint32_t>(s->width);
   }
   s->plain = compression == COMPRESSION_NONE;
   s->unit_w = uw;
   s->unit_h = s->tiled ? uh : std::min<uint64_t>(uh, s->height);
   uint32_t component = s->kind->bits / 8 / (s->kind->format >= SAMPLEFORMAT_COMPLEXINT ? 2 : 1);
-  s->swab = TIFFIsByteSwapped(t) && component > 1 ? component : 0;
+  s->swab = lib->TIFFIsByteSwapped(t) && component > 1 ? component : 0;
   return s->unit_w == 0 || s->unit_h == 0 ? Fail(h, E_IMAGEIO_HEADER, "page " + Num(s->page + 1) + ": zero tile or strip size") : 0;
 }
 
@@ -196,7 +205,7 @@ uint32_t LoadPage(ImageioHandle *h, uint64_t p) {
   TiffState *s = State(h);
   if (s->have_page && s->page == p) return 0;
   s->have_page = false;
-  if (!TIFFSetSubDirectory(s->tif, s->ifd[p])) return Fail(h, E_IMAGEIO_READ, "page " + Num(p + 1));
+  if (!lib->TIFFSetSubDirectory(s->tif, s->ifd[p])) return Fail(h, E_IMAGEIO_READ, "page " + Num(p + 1));
   s->page = p;
   s->have_page = true;
   return Layout(h);
@@ -224,9 +233,9 @@ void ReadGeometry(ImageioHandle *h) {
   TIFF *t = State(h)->tif;
   float res[2] = {0, 0};
   uint16_t unit = RESUNIT_INCH;
-  TIFFGetField(t, TIFFTAG_XRESOLUTION, &res[0]);
-  TIFFGetField(t, TIFFTAG_YRESOLUTION, &res[1]);
-  TIFFGetFieldDefaulted(t, TIFFTAG_RESOLUTIONUNIT, &unit);
+  lib->TIFFGetField(t, TIFFTAG_XRESOLUTION, &res[0]);
+  lib->TIFFGetField(t, TIFFTAG_YRESOLUTION, &res[1]);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_RESOLUTIONUNIT, &unit);
   double per = unit == RESUNIT_INCH ? 2.54e8 : unit == RESUNIT_CENTIMETER ? 1e8 : 0;
   h->geom = {{0, 0, 0}, {0, 0, 0}, {1, 2, 3}, 1, {0, 0, 0}};  // pages are the sections of a volume
   for (int i = 0; i < 2; ++i)
@@ -250,15 +259,15 @@ uint32_t CheckPage(ImageioHandle *h, uint64_t p, Totals *sum) {
   uint32_t w = 0, ht = 0, depth = 1;
   uint16_t spp = 1, bits = 1, format = SAMPLEFORMAT_UINT, photometric = PHOTOMETRIC_MINISBLACK, fill = FILLORDER_MSB2LSB;
   uint16_t compression = COMPRESSION_NONE;
-  TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
-  TIFFGetField(t, TIFFTAG_IMAGELENGTH, &ht);
-  TIFFGetFieldDefaulted(t, TIFFTAG_IMAGEDEPTH, &depth);
-  TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &spp);
-  TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
-  TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLEFORMAT, &format);
-  TIFFGetFieldDefaulted(t, TIFFTAG_FILLORDER, &fill);
-  TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
-  TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photometric);
+  lib->TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &w);
+  lib->TIFFGetField(t, TIFFTAG_IMAGELENGTH, &ht);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_IMAGEDEPTH, &depth);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &spp);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLEFORMAT, &format);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_FILLORDER, &fill);
+  lib->TIFFGetFieldDefaulted(t, TIFFTAG_COMPRESSION, &compression);
+  lib->TIFFGetField(t, TIFFTAG_PHOTOMETRIC, &photometric);
   if (w == 0 || ht == 0 || depth != 1)
     return Fail(h, E_IMAGEIO_HEADER, page + " is " + Num(w) + " x " + Num(ht) + (depth != 1 ? " x " + Num(depth) : "") + " pixels; only non-empty 2-D pages are read");
   if (spp != 1)
@@ -270,8 +279,8 @@ uint32_t CheckPage(ImageioHandle *h, uint64_t p, Totals *sum) {
     if (k.format == format && k.bits == bits) kind = &k;
   if (!kind) return Fail(h, E_IMAGEIO_TYPE, page + " holds " + KindText(format, bits) + ", which are not read");
   if (fill != FILLORDER_MSB2LSB) return Fail(h, E_IMAGEIO_TYPE, page + " stores its bits in reversed order (FillOrder 2)");
-  if (!TIFFIsCODECConfigured(compression)) {
-    const TIFFCodec *codec = TIFFFindCODEC(compression);
+  if (!lib->TIFFIsCODECConfigured(compression)) {
+    const TIFFCodec *codec = lib->TIFFFindCODEC(compression);
     return Fail(h, E_IMAGEIO_TYPE, page + " is compressed with " + (codec ? codec->name : "scheme " + Num(compression)) + ", which this libtiff cannot decode");
   }
   if (p == 0) {
@@ -293,13 +302,13 @@ uint32_t CheckPage(ImageioHandle *h, uint64_t p, Totals *sum) {
   const uint64_t unit = static_cast<uint64_t>(tile);
   if ((tile > kMaxBand || band > kMaxBand) && (s->tiled || !s->plain))
     return Fail(h, E_IMAGEIO_TYPE, page + ": a " + (s->tiled ? "row of tiles" : "strip") + " of more than " + Num(kMaxBand >> 20) + " MiB decoded is not read");
-  const uint32_t n = s->tiled ? TIFFNumberOfTiles(t) : TIFFNumberOfStrips(t);
+  const uint32_t n = s->tiled ? lib->TIFFNumberOfTiles(t) : lib->TIFFNumberOfStrips(t);
   const char *what = s->tiled ? "tile " : "strip ";
   if (n == 0) return Fail(h, E_IMAGEIO_HEADER, page + " has no strips or tiles");
   s->compressed |= !s->plain;
   for (uint32_t i = 0; i < n; ++i) {
     int err = 0;
-    uint64_t off = TIFFGetStrileOffsetWithErr(t, i, &err), bytes = TIFFGetStrileByteCountWithErr(t, i, &err);
+    uint64_t off = lib->TIFFGetStrileOffsetWithErr(t, i, &err), bytes = lib->TIFFGetStrileByteCountWithErr(t, i, &err);
     if (err) return Fail(h, E_IMAGEIO_HEADER, page + ", " + what + Num(i + 1));
     if (off > h->size || bytes > h->size - off)
       return Fail(h, E_IMAGEIO_HEADER, page + ", " + what + Num(i + 1) + " of " + Num(bytes) + " bytes at offset " + Num(off) + " lies past the end of the file");
@@ -322,6 +331,7 @@ uint32_t Open(ImageioHandle *h) {
   // libtiff reads the file itself, so a gzip stream cannot be put beneath it.
   if (h->gz)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (a gzip-compressed TIFF file is not read: decompress it first; TIFF's own deflate compression is)");
+  if (uint32_t st = LoadLibrary(h)) return st;
   TiffState *s = State(h);
   // Strips as stored (no chopping of large ones), no mapping.
   if (!OpenTiff(h, "rcm")) return Fail(h, E_IMAGEIO_HEADER, State(h)->message[0] ? "header" : "file without an image directory");
@@ -335,16 +345,16 @@ uint32_t Open(ImageioHandle *h) {
       if (!grown) return ImageioFail(h, E_MEMORY, " (TIFF page list)");
       s->ifd = grown;
     }
-    s->ifd[p] = TIFFCurrentDirOffset(s->tif);
+    s->ifd[p] = lib->TIFFCurrentDirOffset(s->tif);
     s->pages = p + 1;
     if (p == 0) {
       char *description = nullptr;
-      if (TIFFGetField(s->tif, TIFFTAG_IMAGEDESCRIPTION, &description)) ReadHistory(h, description);
+      if (lib->TIFFGetField(s->tif, TIFFTAG_IMAGEDESCRIPTION, &description)) ReadHistory(h, description);
       ReadGeometry(h);
     }
-    if (TIFFLastDirectory(s->tif)) break;
+    if (lib->TIFFLastDirectory(s->tif)) break;
     // libtiff stops silently where the chain of directories loops back.
-    if (!TIFFReadDirectory(s->tif))
+    if (!lib->TIFFReadDirectory(s->tif))
       return Fail(h, E_IMAGEIO_HEADER, "page " + Num(p + 2) + (s->message[0] ? "" : ": the chain of page directories loops back"));
   }
   s->have_page = false;
@@ -384,14 +394,14 @@ uint32_t FillBand(ImageioHandle *h, uint64_t r) {
   if (uint32_t st = Grow(h, &s->band, &s->band_cap, bytes)) return st;
   const std::string where = "page " + Num(s->page + 1) + ", ";
   if (!s->tiled) {
-    if (TIFFReadEncodedStrip(s->tif, static_cast<uint32_t>(k), s->band, static_cast<tmsize_t>(bytes)) != static_cast<tmsize_t>(bytes))
+    if (lib->TIFFReadEncodedStrip(s->tif, static_cast<uint32_t>(k), s->band, static_cast<tmsize_t>(bytes)) != static_cast<tmsize_t>(bytes))
       return Fail(h, E_IMAGEIO_READ, where + "strip " + Num(k + 1));
   } else {
     const uint64_t tile = s->unit_w * s->unit_h * es, across = (s->width + s->unit_w - 1) / s->unit_w;
     if (uint32_t st = Grow(h, &s->tile, &s->tile_cap, tile)) return st;
     for (uint64_t c = 0; c < across; ++c) {
-      uint32_t index = TIFFComputeTile(s->tif, static_cast<uint32_t>(c * s->unit_w), static_cast<uint32_t>(row0), 0, 0);
-      if (TIFFReadEncodedTile(s->tif, index, s->tile, static_cast<tmsize_t>(tile)) != static_cast<tmsize_t>(tile))
+      uint32_t index = lib->TIFFComputeTile(s->tif, static_cast<uint32_t>(c * s->unit_w), static_cast<uint32_t>(row0), 0, 0);
+      if (lib->TIFFReadEncodedTile(s->tif, index, s->tile, static_cast<tmsize_t>(tile)) != static_cast<tmsize_t>(tile))
         return Fail(h, E_IMAGEIO_READ, where + "tile " + Num(index + 1));
       const uint64_t cols = std::min(s->unit_w, s->width - c * s->unit_w);
       for (uint64_t i = 0; i < rows; ++i)
@@ -415,12 +425,12 @@ uint32_t ForRuns(ImageioHandle *h, uint64_t e, uint64_t n, F f) {
     if (!s->tiled) {
       uint64_t k = r / s->unit_h, start = k * s->unit_h * w;
       m = std::min(n - done, std::min((k + 1) * s->unit_h, s->height) * w - at);
-      off = TIFFGetStrileOffset(s->tif, static_cast<uint32_t>(k)) + (at - start) * es;
+      off = lib->TIFFGetStrileOffset(s->tif, static_cast<uint32_t>(k)) + (at - start) * es;
     } else {
-      uint32_t index = TIFFComputeTile(s->tif, static_cast<uint32_t>(col), static_cast<uint32_t>(r), 0, 0);
+      uint32_t index = lib->TIFFComputeTile(s->tif, static_cast<uint32_t>(col), static_cast<uint32_t>(r), 0, 0);
       uint64_t in_col = col % s->unit_w;
       m = std::min({n - done, s->unit_w - in_col, w - col});
-      off = TIFFGetStrileOffset(s->tif, index) + ((r % s->unit_h) * s->unit_w + in_col) * es;
+      off = lib->TIFFGetStrileOffset(s->tif, index) + ((r % s->unit_h) * s->unit_w + in_col) * es;
     }
     if (uint32_t st = f(off, done, m)) return st;
     done += m;
@@ -430,9 +440,9 @@ uint32_t ForRuns(ImageioHandle *h, uint64_t e, uint64_t n, F f) {
 
 void Swab(unsigned char *p, uint64_t bytes, uint32_t unit) {
   const tmsize_t n = static_cast<tmsize_t>(bytes / unit);
-  if (unit == 2) TIFFSwabArrayOfShort(reinterpret_cast<uint16_t *>(p), n);
-  else if (unit == 4) TIFFSwabArrayOfLong(reinterpret_cast<uint32_t *>(p), n);
-  else if (unit == 8) TIFFSwabArrayOfLong8(reinterpret_cast<uint64_t *>(p), n);
+  if (unit == 2) lib->TIFFSwabArrayOfShort(reinterpret_cast<uint16_t *>(p), n);
+  else if (unit == 4) lib->TIFFSwabArrayOfLong(reinterpret_cast<uint32_t *>(p), n);
+  else if (unit == 8) lib->TIFFSwabArrayOfLong8(reinterpret_cast<uint64_t *>(p), n);
 }
 
 // Calls f(page, first element in the page, count, offset from the start of the run) for the part of
@@ -505,12 +515,12 @@ uint32_t Rewrite(ImageioHandle *h, uint64_t first, uint64_t count, unsigned char
 uint32_t StartPage(ImageioHandle *h, uint64_t p) {
   TiffState *s = State(h);
   TIFF *t = s->tif;
-  bool ok = TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(s->width)) &&
-            TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(s->height)) &&
-            TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, s->kind->bits) && TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, s->kind->format) &&
-            TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 1) && TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK) &&
-            TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) && TIFFSetField(t, TIFFTAG_COMPRESSION, s->compression) &&
-            TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, static_cast<uint32_t>(s->unit_h));
+  bool ok = lib->TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<uint32_t>(s->width)) &&
+            lib->TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<uint32_t>(s->height)) &&
+            lib->TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, s->kind->bits) && lib->TIFFSetField(t, TIFFTAG_SAMPLEFORMAT, s->kind->format) &&
+            lib->TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 1) && lib->TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK) &&
+            lib->TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG) && lib->TIFFSetField(t, TIFFTAG_COMPRESSION, s->compression) &&
+            lib->TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, static_cast<uint32_t>(s->unit_h));
   if (ok && p == 0) {
     // The history as the first page's description: the lines of the image it comes from and this
     // command, at most ten, oldest dropped.
@@ -519,16 +529,16 @@ uint32_t StartPage(ImageioHandle *h, uint64_t p) {
     std::string text;
     for (size_t i = lines.size() > kHistoryLines ? lines.size() - kHistoryLines : 0; i < lines.size(); ++i)
       text += (text.empty() ? "" : "\n") + lines[i];
-    if (!text.empty()) ok = TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, text.c_str());
+    if (!text.empty()) ok = lib->TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, text.c_str());
   }
   // The voxel size as resolution, in pixels per centimetre.
   bool res = false;
   for (int i = 0; ok && h->has_geom && i < 2; ++i)
     if (h->geom.voxel[i] > 0 && std::isfinite(h->geom.voxel[i])) {
-      ok = TIFFSetField(t, i ? TIFFTAG_YRESOLUTION : TIFFTAG_XRESOLUTION, 1e8 / h->geom.voxel[i]);
+      ok = lib->TIFFSetField(t, i ? TIFFTAG_YRESOLUTION : TIFFTAG_XRESOLUTION, 1e8 / h->geom.voxel[i]);
       res = true;
     }
-  if (ok && res) ok = TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_CENTIMETER);
+  if (ok && res) ok = lib->TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_CENTIMETER);
   return ok ? 0 : Fail(h, E_IMAGEIO_WRITE, "page " + Num(p + 1) + " tags");
 }
 
@@ -544,17 +554,17 @@ uint32_t Append(ImageioHandle *h, uint64_t first, uint64_t count, const unsigned
     uint64_t end = std::min((k + 1) * s->unit_h, s->height) * w, m = std::min(count - done, end - e);
     const unsigned char *in = src + done * es;
     if (s->compression == COMPRESSION_NONE) {
-      if (TIFFWriteRawStrip(s->tif, static_cast<uint32_t>(k), const_cast<unsigned char *>(in), static_cast<tmsize_t>(m * es)) < 0)
+      if (lib->TIFFWriteRawStrip(s->tif, static_cast<uint32_t>(k), const_cast<unsigned char *>(in), static_cast<tmsize_t>(m * es)) < 0)
         return Fail(h, E_IMAGEIO_WRITE, "page " + Num(p + 1) + ", strip " + Num(k + 1));
     } else {
       std::memcpy(s->band + (e - start) * es, in, m * es);
-      if (e + m == end && TIFFWriteEncodedStrip(s->tif, static_cast<uint32_t>(k), s->band, static_cast<tmsize_t>((end - start) * es)) < 0)
+      if (e + m == end && lib->TIFFWriteEncodedStrip(s->tif, static_cast<uint32_t>(k), s->band, static_cast<tmsize_t>((end - start) * es)) < 0)
         return Fail(h, E_IMAGEIO_WRITE, "page " + Num(p + 1) + ", strip " + Num(k + 1));
     }
     s->next += m;
     done += m;
     if (e + m == plane) {
-      if (!TIFFWriteDirectory(s->tif)) return Fail(h, E_IMAGEIO_WRITE, "page " + Num(p + 1) + " directory");
+      if (!lib->TIFFWriteDirectory(s->tif)) return Fail(h, E_IMAGEIO_WRITE, "page " + Num(p + 1) + " directory");
       if (p + 1 < s->pages)
         if (uint32_t st = StartPage(h, p + 1)) return st;
     }
@@ -580,11 +590,12 @@ uint32_t Check(ImageioHandle *h) {
   if (h->type == TypeImag32 || h->type == TypeImag64)
     return ImageioFail(h, E_IMAGEIO_TYPE, " (TIFF files cannot hold ", TypeIdent(h->type), " data; write the native format instead)");
   if (h->count == 0) return ImageioFail(h, E_IMAGEIO_SIZE, " (a TIFF file cannot hold an empty image)");
+  if (uint32_t st = LoadLibrary(h)) return st;
   if (h->len[0] > UINT32_MAX || (h->dim > 1 && h->len[1] > UINT32_MAX))
     return ImageioFail(h, E_IMAGEIO_SIZE, " (a TIFF page is at most 4294967295 pixels wide and high)");
   if (pages > kMaxPages) return ImageioFail(h, E_IMAGEIO_SIZE, (" (" + Num(pages) + " TIFF pages; libtiff reads at most " + Num(kMaxPages) + ")").c_str());
   uint16_t compression = CompressionOf(h->caps);
-  if (!TIFFIsCODECConfigured(compression)) return ImageioFail(h, E_IMAGEIO_CAP, " (this libtiff cannot write that compression)");
+  if (!lib->TIFFIsCODECConfigured(compression)) return ImageioFail(h, E_IMAGEIO_CAP, " (this libtiff cannot write that compression)");
   return 0;
 }
 
@@ -621,13 +632,13 @@ uint32_t WriteHeader(ImageioHandle *h, bool final) {
   static const unsigned char kZeros[1 << 16] = {};
   while (s->next < h->count)
     if (uint32_t st = Append(h, s->next, std::min<uint64_t>(h->count - s->next, sizeof kZeros / h->esize), kZeros)) return st;
-  return TIFFFlush(s->tif) ? 0 : Fail(h, E_IMAGEIO_WRITE, "file");
+  return lib->TIFFFlush(s->tif) ? 0 : Fail(h, E_IMAGEIO_WRITE, "file");
 }
 
 void Release(ImageioHandle *h) {
   TiffState *s = State(h);
   s->quiet = true;  // a file still being written is being discarded: nothing more goes into it
-  if (s->tif) TIFFCleanup(s->tif);
+  if (s->tif) lib->TIFFCleanup(s->tif);
   std::free(s->ifd);
   std::free(s->band);
   std::free(s->tile);
