@@ -6,8 +6,8 @@
 // usual case) goes through the plain loop of calls, and every result of a piece is then flushed.
 //
 // Where the gate admits them, vector replicas of the library's functions take the place of the calls
-// (libm_avx2.cpp); the gate runs at the first block call, so runs that call no function never pay
-// for it.
+// (libm_avx2.cpp, libm_avx512.cpp); the gate runs at the first block call, so runs that call no
+// function never pay for it.
 #define ZV_LIBM_IMPLEMENTATION
 #include "kernels/libm_internal.h"
 
@@ -85,8 +85,10 @@ bool gChosen = false;
 
 void Choose() {
   const LibGate gate = LibCheckGate();
-  for (uint32_t f = 0; f < kLibUnaryCount; ++f)
-    gMaps[f] = (gate.unary >> f & 1) && kAvx2Maps[f] ? kAvx2Maps[f] : kScalarMaps[f];
+  for (uint32_t f = 0; f < kLibUnaryCount; ++f) {
+    const LibMapFn replica = LibReplica(gate, static_cast<LibUnary>(f));
+    gMaps[f] = replica ? replica : kScalarMaps[f];
+  }
   for (uint32_t f = 0; f < kLibPairCount; ++f)
     gPairMaps[f] = (gate.pair >> f & 1) && kAvx2PairMaps[f] ? kAvx2PairMaps[f] : kScalarPairMaps[f];
   gChosen = true;

@@ -18,6 +18,7 @@
 
 #include <cstring>
 
+#include "kernels/libm_constants.h"
 #include "kernels/libm_internal.h"
 
 #define ZV_AVX2 __attribute__((target("avx2,fma")))
@@ -137,18 +138,6 @@ ZV_AVX2 __m256 ExpEval(__m256 x, int *special) {
 // x = 2^k z with z in [0x3f330000, 2*0x3f330000) as bits; log(x) = log1p(z/c - 1) + log(c) + k*ln2,
 // c near the middle of z's sixteenth of the range (1/c and log(c) from the table), log1p from a cubic.
 
-alignas(64) constexpr double kLogTable[16][2] = {
-    {0x1.661ec79f8f3bep+0, -0x1.57bf7808caadep-2}, {0x1.571ed4aaf883dp+0, -0x1.2bef0a7c06ddbp-2},
-    {0x1.49539f0f010bp+0, -0x1.01eae7f513a67p-2},  {0x1.3c995b0b80385p+0, -0x1.b31d8a68224e9p-3},
-    {0x1.30d190c8864a5p+0, -0x1.6574f0ac07758p-3}, {0x1.25e227b0b8eap+0, -0x1.1aa2bc79c81p-3},
-    {0x1.1bb4a4a1a343fp+0, -0x1.a4e76ce8c0e5ep-4}, {0x1.12358f08ae5bap+0, -0x1.1973c5a611cccp-4},
-    {0x1.0953f419900a7p+0, -0x1.252f438e10c1ep-5}, {0x1p+0, 0x0p+0},
-    {0x1.e608cfd9a47acp-1, 0x1.aa5aa5df25984p-5},  {0x1.ca4b31f026aap-1, 0x1.c5e53aa362eb4p-4},
-    {0x1.b2036576afce6p-1, 0x1.526e57720db08p-3}, {0x1.9c2d163a1aa2dp-1, 0x1.bc2860d22477p-3},
-    {0x1.886e6037841edp-1, 0x1.1058bc8a07ee1p-2}, {0x1.767dcf5534862p-1, 0x1.4043057b6ee09p-2}};
-constexpr double kLogLn2 = 0x1.62e42fefa39efp-1;
-constexpr double kLogA0 = -0x1.00ea348b88334p-2, kLogA1 = 0x1.5575b0be00b6ap-2, kLogA2 = -0x1.ffffef20a4123p-2;
-
 ZV_AVX2 inline __m128 LogHalf(__m128 x) {
   const __m128i ix = _mm_castps_si128(x);
   const __m128i tmp = _mm_sub_epi32(ix, _mm_set1_epi32(0x3f330000));
@@ -185,8 +174,6 @@ ZV_AVX2 __m256 LogEval(__m256 x, int *special) {
 // in bits 24 and up), then the sine polynomial for even n and the cosine polynomial for odd n (cosf:
 // the other way round), with the signs of the quadrant.
 
-constexpr double kHalfPiInv = 0x1.45F306DC9C883p+23;  // 2/pi * 2^24
-constexpr double kHalfPi = 0x1.921FB54442D18p0;
 constexpr double kCos0 = 0x1p0, kCos1 = -0x1.ffffffd0c621cp-2, kCos2 = 0x1.55553e1068f19p-5,
                  kCos3 = -0x1.6c087e89a359dp-10, kCos4 = 0x1.99343027bf8c3p-16;
 constexpr double kSin1 = -0x1.555545995a603p-3, kSin2 = 0x1.1107605230bc4p-7, kSin3 = -0x1.994eb3774cf24p-13;
@@ -304,11 +291,6 @@ ZV_AVX2 __m256 AtanEval(__m256 x, int *special) {
 // single-precision kernel, which has a branch for tiny arguments, folds arguments from 0.6744 on
 // around pi/4, and for odd n computes -1/tan carefully. Every lane computes every branch here.
 
-constexpr float kTanT[13] = {3.3333334327e-01f, 1.3333334029e-01f, 5.3968254477e-02f,  2.1869488060e-02f,
-                             8.8632395491e-03f, 3.5920790397e-03f, 1.4562094584e-03f,  5.8804126456e-04f,
-                             2.4646313977e-04f, 7.8179444245e-05f, 7.1407252108e-05f,  -1.8558637748e-05f,
-                             2.5907305826e-05f};
-
 // The reduction of four lanes: high and low binary32 parts of x - n*pi/2 (not fused in this build)
 // and the quadrant n.
 ZV_AVX2 inline void TanReduceHalf(__m128 x, __m128 *high, __m128 *low, __m128i *n) {
@@ -347,24 +329,28 @@ ZV_AVX2 __m256 TanKernel(__m256 x, __m256 y, __m256i iy) {
   r = Add(y, Mul(z, Add(Mul(s, Add(r, v)), y)));
   r = Add(r, Mul(Set(kTanT[0]), s));
   const __m256 sum = Add(x, r);
-  // Folded: sgn * (iy - 2*(x - (w*w/(w + iy) - r))).
-  const __m256 folded_result =
-      Mul(sgn, Sub(fiy, Mul(Set(2.0f), Sub(x, Sub(_mm256_div_ps(Mul(sum, sum), Add(sum, fiy)), r)))));
-  // Odd quadrant: -1/(x + r) with the high halves of the parts.
+  // Each lane's one division, its operands chosen by the lane's branch (a quotient is correctly
+  // rounded, so it is the same whichever other lanes divide): below 2^-13 (before folding) -1/x,
+  // folded (x + r)^2/(x + r + iy), otherwise -1/(x + r). The two ranges do not meet.
+  const __m256 tiny = Below(ix, 0x39000000);
+  const __m256 x0 = _mm256_castsi256_ps(hx);
+  const __m256 num = _mm256_blendv_ps(Set(-1.0f), Mul(sum, sum), fold);
+  const __m256 den = _mm256_blendv_ps(_mm256_blendv_ps(sum, Add(sum, fiy), fold), x0, tiny);
+  const __m256 q = _mm256_div_ps(num, den);
+  // Folded: sgn * (iy - 2*(x - (q - r))).
+  const __m256 folded_result = Mul(sgn, Sub(fiy, Mul(Set(2.0f), Sub(x, Sub(q, r)))));
+  // Odd quadrant: -1/(x + r) = q with the high halves of the parts.
   const __m256 keep_high = _mm256_castsi256_ps(_mm256_set1_epi32(static_cast<int>(0xfffff000u)));
   const __m256 zh = _mm256_and_ps(sum, keep_high);
   const __m256 vh = Sub(r, Sub(zh, x));
-  const __m256 a = _mm256_div_ps(Set(-1.0f), sum);
-  const __m256 t = _mm256_and_ps(a, keep_high);
-  const __m256 inverse = Add(t, Mul(a, Add(Add(one, Mul(t, zh)), Mul(t, vh))));
+  const __m256 t = _mm256_and_ps(q, keep_high);
+  const __m256 inverse = Add(t, Mul(q, Add(Add(one, Mul(t, zh)), Mul(t, vh))));
   __m256 result = _mm256_blendv_ps(_mm256_blendv_ps(sum, inverse, odd), folded_result, fold);
   // Folded to below 2^-13: sgn*iy * (1 - 2*iy*x).
   const __m256 near = _mm256_and_ps(fold, _mm256_cmp_ps(_mm256_andnot_ps(sign, x), Set(0x1p-13f), _CMP_LT_OQ));
   result = _mm256_blendv_ps(result, Mul(Mul(sgn, fiy), Sub(one, Mul(Add(fiy, fiy), x))), near);
-  // Below 2^-13 (before folding): x, -1/x, and +inf for +0 with iy = -1.
-  const __m256 tiny = Below(ix, 0x39000000);
-  const __m256 x0 = _mm256_castsi256_ps(hx);
-  __m256 small = _mm256_blendv_ps(x0, _mm256_div_ps(Set(-1.0f), x0), odd);
+  // Below 2^-13: x, -1/x = q, and +inf for +0 with iy = -1.
+  __m256 small = _mm256_blendv_ps(x0, q, odd);
   small = _mm256_blendv_ps(small, Set(INFINITY),
                            _mm256_and_ps(odd, _mm256_castsi256_ps(_mm256_cmpeq_epi32(ix, _mm256_setzero_si256()))));
   return _mm256_blendv_ps(result, small, tiny);

@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
+#include <cpuid.h>
 #include <xmmintrin.h>
 
 #include <cstring>
@@ -93,6 +94,17 @@ bool ReplicaMatches(const LibProbes &p) {
   return std::memcmp(want, got, p.n * sizeof(float)) == 0;
 }
 
+// AVX-512 F, DQ and VL, and the system saving the opmask and all 512-bit registers at a context
+// switch (XCR0 bits 1, 2 and 5 to 7; XGETBV is there when the system has enabled XSAVE).
+bool Avx512Usable() {
+  unsigned a, b, c, d;
+  if (!__get_cpuid(1, &a, &b, &c, &d) || !(c & bit_OSXSAVE)) return false;
+  unsigned xcr0, xcr0_high;
+  __asm__("xgetbv" : "=a"(xcr0), "=d"(xcr0_high) : "c"(0));
+  return (xcr0 & 0xe6) == 0xe6 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+         __builtin_cpu_supports("avx512vl");
+}
+
 }  // namespace
 
 const LibProbes kLibProbes[3] = {
@@ -114,5 +126,12 @@ LibGate LibCheckGate() {
   g.pair = 1u << static_cast<uint32_t>(LibPair::Phase) | 1u << static_cast<uint32_t>(LibPair::Magnitude);
   for (const LibProbes &p : kLibProbes)
     if (ReplicaMatches(p)) g.unary |= 1u << static_cast<uint32_t>(p.f);
+  g.avx512 = Avx512Usable();
   return g;
+}
+
+LibMapFn LibReplica(const LibGate &g, LibUnary f) {
+  const uint32_t i = static_cast<uint32_t>(f);
+  if (!(g.unary >> i & 1)) return nullptr;
+  return g.avx512 && kAvx512Maps[i] ? kAvx512Maps[i] : kAvx2Maps[i];
 }

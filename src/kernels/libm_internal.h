@@ -14,17 +14,24 @@ inline constexpr uint32_t kLibPairCount = static_cast<uint32_t>(LibPair::Count);
 // input where the gate admits them (null: no replica). They flush like the scalar block calls.
 extern const LibMapFn kAvx2Maps[kLibUnaryCount];
 extern const LibPairMapFn kAvx2PairMaps[kLibPairCount];
+// The same for processors with AVX-512 (F, DQ and VL), for the functions where they are faster.
+extern const LibMapFn kAvx512Maps[kLibUnaryCount];
 
 // Whether this process runs where the replicas were verified: the floating-point control state of the
 // verification, a processor with AVX2 and FMA, and a libm build on the verified list.
 bool LibVerifiedHost();
 
 // Which replicas may stand in for the library in this process: bit f of unary, bit f of pair. On a
-// verified host, each replica whose function the library binds in the replicated variant.
+// verified host, each replica whose function the library binds in the replicated variant; avx512:
+// the processor has AVX-512 F, DQ and VL and the system saves its registers.
 struct LibGate {
   uint32_t unary = 0, pair = 0;
+  bool avx512 = false;
 };
 LibGate LibCheckGate();
+// The replica that stands in for f under the gate g (null: the scalar calls): the AVX-512 one where
+// there is one and the gate admits it, otherwise the AVX2 one.
+LibMapFn LibReplica(const LibGate &g, LibUnary f);
 
 // Arguments on which the library's FMA and SSE2 builds give different results, per function (none
 // for the functions whose builds agree everywhere): the gate's probes of the bound build.

@@ -1,0 +1,27 @@
+// The constants of the C library's logf and tanf (glibc 2.36), shared by their vector replicas.
+#pragma once
+#include <cstdint>
+
+// logf: for each sixteenth of the reduced argument's range, 1/c and log(c); ln 2; the cubic.
+alignas(64) constexpr double kLogTable[16][2] = {
+    {0x1.661ec79f8f3bep+0, -0x1.57bf7808caadep-2}, {0x1.571ed4aaf883dp+0, -0x1.2bef0a7c06ddbp-2},
+    {0x1.49539f0f010bp+0, -0x1.01eae7f513a67p-2},  {0x1.3c995b0b80385p+0, -0x1.b31d8a68224e9p-3},
+    {0x1.30d190c8864a5p+0, -0x1.6574f0ac07758p-3}, {0x1.25e227b0b8eap+0, -0x1.1aa2bc79c81p-3},
+    {0x1.1bb4a4a1a343fp+0, -0x1.a4e76ce8c0e5ep-4}, {0x1.12358f08ae5bap+0, -0x1.1973c5a611cccp-4},
+    {0x1.0953f419900a7p+0, -0x1.252f438e10c1ep-5}, {0x1p+0, 0x0p+0},
+    {0x1.e608cfd9a47acp-1, 0x1.aa5aa5df25984p-5},  {0x1.ca4b31f026aap-1, 0x1.c5e53aa362eb4p-4},
+    {0x1.b2036576afce6p-1, 0x1.526e57720db08p-3}, {0x1.9c2d163a1aa2dp-1, 0x1.bc2860d22477p-3},
+    {0x1.886e6037841edp-1, 0x1.1058bc8a07ee1p-2}, {0x1.767dcf5534862p-1, 0x1.4043057b6ee09p-2}};
+constexpr double kLogLn2 = 0x1.62e42fefa39efp-1;
+constexpr double kLogA0 = -0x1.00ea348b88334p-2, kLogA1 = 0x1.5575b0be00b6ap-2, kLogA2 = -0x1.ffffef20a4123p-2;
+
+// The reduction x - n*pi/2 of sinf, cosf and tanf: 2/pi * 2^24 (the quadrant lands in bits 24 and
+// up) and pi/2.
+constexpr double kHalfPiInv = 0x1.45F306DC9C883p+23;
+constexpr double kHalfPi = 0x1.921FB54442D18p0;
+
+// tanf's single-precision kernel.
+constexpr float kTanT[13] = {3.3333334327e-01f, 1.3333334029e-01f, 5.3968254477e-02f,  2.1869488060e-02f,
+                             8.8632395491e-03f, 3.5920790397e-03f, 1.4562094584e-03f,  5.8804126456e-04f,
+                             2.4646313977e-04f, 7.8179444245e-05f, 7.1407252108e-05f,  -1.8558637748e-05f,
+                             2.5907305826e-05f};
