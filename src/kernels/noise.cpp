@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include "kernels/element.h"
 
@@ -19,6 +19,7 @@ namespace {
 // instead of one call and, through rand(), one lock per draw.
 constexpr uint32_t kLag = 31, kShortLag = 3;
 constexpr uint32_t kBatch = 1023;  // a multiple of the short lag
+constexpr uint32_t kKeptWords = (kBatch + 63) / 64;
 
 struct Generator {
   uint32_t r[kBatch + kLag];  // the batch's values after the 31 values before it
@@ -65,6 +66,7 @@ constexpr float kUniformScale = 0x1p-31f;
 // The binary64 nearest to 1 / (2^31 - 1), and the midpoint of the draw range for the sign.
 constexpr double kDrawScale = 4.656612875245797e-10;
 constexpr double kSignThreshold = 1073741823.5;
+constexpr uint64_t kSignBit = uint64_t{1} << 63;
 
 // The polar method's pair: draws u and v (u first) until s = v*v + u*u < 1. draw() gives the draws.
 template <class DrawFn> inline void DrawPair(DrawFn draw, double *s, double *u) {
@@ -82,8 +84,8 @@ template <class DrawFn> inline void DrawPair(DrawFn draw, double *s, double *u) 
 // starts there (u = draw j, v = draw j+1) and whether it would be kept (bit j of kept). A run of
 // samples then finds its pairs by bit scans instead of a loop with an unpredictable branch.
 struct PairTable {
-  double u[kBatch], s[kBatch + 1];  // s read in pairs
-  uint64_t kept[kBatch / 64 + 2] = {};  // words past the batch stay zero
+  double u[kBatch], s[kKeptWords * 64];
+  uint64_t kept[kKeptWords + 1] = {};  // words past the batch stay zero
   uint64_t batch = 0;                   // the batch described (0: none yet)
 };
 PairTable gPairs;
@@ -96,28 +98,37 @@ inline bool UseAvx2() {
   return avx2;
 }
 
+// s = v*v + u*u of the four pairs at square[j] and their tests (bits 0 to 3).
+inline uint64_t FourPairsBaseline(const double *square, double *s) {
+  const __m128d one = _mm_set1_pd(1.0);
+  const __m128d s0 = _mm_add_pd(_mm_loadu_pd(square + 1), _mm_load_pd(square));
+  const __m128d s1 = _mm_add_pd(_mm_loadu_pd(square + 3), _mm_load_pd(square + 2));
+  _mm_storeu_pd(s, s0);
+  _mm_storeu_pd(s + 2, s1);
+  return static_cast<uint64_t>(_mm_movemask_pd(_mm_cmplt_pd(s0, one)) | _mm_movemask_pd(_mm_cmplt_pd(s1, one)) << 2);
+}
+ZV_NOISE_AVX2 inline uint64_t FourPairsAvx2(const double *square, double *s) {
+  const __m256d s4 = _mm256_add_pd(_mm256_loadu_pd(square + 1), _mm256_load_pd(square));
+  _mm256_storeu_pd(s, s4);
+  return static_cast<uint64_t>(_mm256_movemask_pd(_mm256_cmp_pd(s4, _mm256_set1_pd(1.0), _CMP_LT_OQ)));
+}
+
+template <uint64_t (*FourPairs)(const double *, double *)>
 [[gnu::always_inline]] inline void PairTableLoops(PairTable &t) {
-  double square[kBatch + 2];
+  alignas(32) double square[kKeptWords * 64 + 1];
   for (uint32_t j = 0; j < kBatch; ++j) {
     t.u[j] = static_cast<double>(gGen.draws[j]) * kDrawScale;
     square[j] = t.u[j] * t.u[j];
   }
-  square[kBatch] = square[kBatch + 1] = 1.0;  // v in the next batch: never kept here
-  // s = v*v + u*u and its test, two pairs at a time.
-  const __m128d one = _mm_set1_pd(1.0);
-  for (uint32_t w = 0; w * 64 < kBatch; ++w) {
+  for (uint32_t j = kBatch; j <= kKeptWords * 64; ++j) square[j] = 1.0;  // v in the next batch: never kept here
+  for (uint32_t w = 0; w < kKeptWords; ++w) {
     uint64_t bits = 0;
-    for (uint32_t b = 0; b < 64 && w * 64 + b < kBatch; b += 2) {
-      const uint32_t j = w * 64 + b;
-      const __m128d s = _mm_add_pd(_mm_loadu_pd(&square[j + 1]), _mm_loadu_pd(&square[j]));
-      _mm_storeu_pd(&t.s[j], s);
-      bits |= static_cast<uint64_t>(_mm_movemask_pd(_mm_cmplt_pd(s, one))) << b;
-    }
+    for (uint32_t b = 0; b < 64; b += 4) bits |= FourPairs(&square[w * 64 + b], &t.s[w * 64 + b]) << b;
     t.kept[w] = bits;
   }
 }
-void PairTableBaseline(PairTable &t) { PairTableLoops(t); }
-ZV_NOISE_AVX2 void PairTableAvx2(PairTable &t) { PairTableLoops(t); }
+void PairTableBaseline(PairTable &t) { PairTableLoops<FourPairsBaseline>(t); }
+ZV_NOISE_AVX2 void PairTableAvx2(PairTable &t) { PairTableLoops<FourPairsAvx2>(t); }
 
 void MakePairTable() {
   if (UseAvx2()) PairTableAvx2(gPairs);
@@ -126,17 +137,18 @@ void MakePairTable() {
 }
 
 // Across the end of a batch (or before its table is made): draw by draw.
-[[gnu::noinline]] void DrawNormalSlowly(double *s, double *u, bool *positive) {
+[[gnu::noinline]] void DrawNormalSlowly(double *s, double *u, uint64_t *negate) {
   DrawPair(Draw, s, u);
-  *positive = static_cast<double>(Draw()) >= kSignThreshold;
+  *negate = static_cast<double>(Draw()) >= kSignThreshold ? 0 : kSignBit;
   if (gGen.next < kBatch / 2 && gPairs.batch != gGen.batch) MakePairTable();
 }
 
-// The draws of m samples: each accepted pair's s and u, and whether the sign draw keeps g positive.
+// The draws of m samples: each accepted pair's s and u, and the sign bit to flip in g (a draw is at
+// least the threshold exactly when its bit 30 is set).
 // The cursor p stays in a register. Most pairs are kept, so the pair at p is taken on a predicted
 // branch (which does not wait for the table); otherwise the first kept pair among p, p + 2, ... in
 // the next 64 draws is found by a bit scan.
-void DrawNormals(uint64_t m, double *s, double *u, bool *positive) {
+void DrawNormals(uint64_t m, double *s, double *u, uint64_t *negate) {
   uint32_t p = gGen.next;
   bool ready = gPairs.batch == gGen.batch;
   for (uint64_t j = 0; j < m; ++j) {
@@ -152,11 +164,11 @@ void DrawNormals(uint64_t m, double *s, double *u, bool *positive) {
     if (__builtin_expect(found && at + 2 < kBatch, 1)) {
       s[j] = gPairs.s[at];
       u[j] = gPairs.u[at];
-      positive[j] = static_cast<double>(gGen.draws[at + 2]) >= kSignThreshold;
+      negate[j] = static_cast<uint64_t>(~gGen.draws[at + 2] & 0x40000000) << 33;
       p = at + 3;
     } else {
       gGen.next = p;
-      DrawNormalSlowly(&s[j], &u[j], &positive[j]);
+      DrawNormalSlowly(&s[j], &u[j], &negate[j]);
       p = gGen.next;
       ready = gPairs.batch == gGen.batch;
     }
@@ -224,15 +236,16 @@ template <Noise N> ZV_NOISE_AVX2 void FinishAvx2(uint64_t m, const double *l, co
 template <Noise N, class A> void NormalLoop(Amplitude<A> amp, uint64_t count, float *d) {
   constexpr uint64_t kPiece = 256;
   double s[kPiece], u[kPiece], log_s[kPiece], a[kPiece];
-  bool positive[kPiece];
   uint64_t negate[kPiece];  // sign bit of g to flip
   const auto finish = UseAvx2() ? FinishAvx2<N> : FinishBaseline<N>;
+  if (!amp.per_element) std::fill(a, a + kPiece, static_cast<double>(amp[0]));
   for (uint64_t k = 0; k < count; k += kPiece) {
     const uint64_t m = std::min(kPiece, count - k);
-    DrawNormals(m, s, u, positive);
-    for (uint64_t j = 0; j < m; ++j) negate[j] = positive[j] ? 0 : uint64_t{1} << 63;
+    DrawNormals(m, s, u, negate);
     for (uint64_t j = 0; j < m; ++j) log_s[j] = LibLog64(s[j]);
-    for (uint64_t j = 0; j < m; ++j) a[j] = static_cast<double>(amp[k + j]);
+    if (amp.per_element) {
+      for (uint64_t j = 0; j < m; ++j) a[j] = static_cast<double>(ElementToReal32(amp.amp[k + j]));
+    }
     finish(m, log_s, s, u, negate, a, d + k);
   }
 }
