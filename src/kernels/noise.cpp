@@ -22,26 +22,73 @@ constexpr uint32_t kBatch = 1023;  // a multiple of the short lag
 constexpr uint32_t kKeptWords = (kBatch + 63) / 64;
 
 struct Generator {
-  uint32_t r[kBatch + kLag];  // the batch's values after the 31 values before it
-  int32_t draws[kBatch];
+  uint32_t r[kBatch + kLag + 1];  // the batch's values after the 31 values before it (one more made)
+  int32_t draws[kBatch + 1];
   uint32_t next = kBatch;  // the next unused draw
   uint64_t batch = 0;      // batches made so far
 };
 Generator gGen;
 bool gSeeded = false;
 
+// The vector loops of the generator and the Gaussian noise, also compiled for AVX2 (wider vectors,
+// the same integer and IEEE operations) and chosen once by the processor.
+#define ZV_NOISE_AVX2 __attribute__((target("avx2")))
+inline bool UseAvx2() {
+  static const bool avx2 = __builtin_cpu_supports("avx2");
+  return avx2;
+}
+
+// Eight values at a time (1024 made, one past the batch): value i + l is value i + l % 3 - 3 (of the
+// eight before) plus the values i + l - 31, i + l - 34, ... down to lane l % 3 of the eight. The values
+// 31 back are taken from the registers of four and five steps before (loads across the stores of two
+// steps would wait for them).
+// One step: the eight values after before (into before, r and draws) from the eight values x 31 back.
+ZV_NOISE_AVX2 inline __m256i RefillStep(__m256i x, __m256i &before, uint32_t *r, int32_t *draws) {
+  const __m256i lag3 = _mm256_setr_epi32(0, 0, 0, 0, 1, 2, 3, 4), from3 = _mm256_setr_epi32(0, 0, 0, -1, -1, -1, -1, -1);
+  const __m256i lag6 = _mm256_setr_epi32(0, 0, 0, 0, 0, 0, 0, 1), from6 = _mm256_setr_epi32(0, 0, 0, 0, 0, 0, -1, -1);
+  const __m256i sum = _mm256_add_epi32(_mm256_add_epi32(x, _mm256_and_si256(_mm256_permutevar8x32_epi32(x, lag3), from3)),
+                                       _mm256_and_si256(_mm256_permutevar8x32_epi32(x, lag6), from6));
+  before = _mm256_add_epi32(sum, _mm256_permutevar8x32_epi32(before, _mm256_setr_epi32(5, 6, 7, 5, 6, 7, 5, 6)));
+  _mm256_storeu_si256(reinterpret_cast<__m256i *>(r), before);
+  _mm256_storeu_si256(reinterpret_cast<__m256i *>(draws), _mm256_srli_epi32(before, 1));
+  return before;
+}
+// Lanes 1 to 7 of a, then lane 0 of b.
+ZV_NOISE_AVX2 inline __m256i NextLanes(__m256i a, __m256i b) {
+  return _mm256_alignr_epi8(_mm256_permute2x128_si256(a, b, 0x21), a, 4);
+}
+ZV_NOISE_AVX2 void RefillAvx2(uint32_t *r, int32_t *draws) {
+  const auto at = [r](uint32_t j) { return reinterpret_cast<const __m256i *>(r + j); };
+  __m256i before = _mm256_loadu_si256(at(kLag - 8));
+  __m256i v0 = RefillStep(_mm256_loadu_si256(at(0)), before, r + kLag, draws);
+  __m256i v1 = RefillStep(_mm256_loadu_si256(at(8)), before, r + kLag + 8, draws + 8);
+  __m256i v2 = RefillStep(_mm256_loadu_si256(at(16)), before, r + kLag + 16, draws + 16);
+  __m256i v3 = RefillStep(NextLanes(_mm256_loadu_si256(at(23)), v0), before, r + kLag + 24, draws + 24);
+  for (uint32_t i = 32; i < kBatch; i += 32) {
+    const __m256i w0 = RefillStep(NextLanes(v0, v1), before, r + kLag + i, draws + i);
+    const __m256i w1 = RefillStep(NextLanes(v1, v2), before, r + kLag + i + 8, draws + i + 8);
+    const __m256i w2 = RefillStep(NextLanes(v2, v3), before, r + kLag + i + 16, draws + i + 16);
+    const __m256i w3 = RefillStep(NextLanes(v3, w0), before, r + kLag + i + 24, draws + i + 24);
+    v0 = w0, v1 = w1, v2 = w2, v3 = w3;
+  }
+}
+
 void Refill() {
   if (!gSeeded) ComputeRandomSeed(1);  // unseeded, rand() starts as if seeded with 1
   uint32_t *r = gGen.r;
   std::memmove(r, r + kBatch, kLag * sizeof *r);  // the last 31 values start the next batch
-  // Three interleaved chains kept in registers (value i needs value i-3 at once).
-  uint32_t a = r[kLag - 3], b = r[kLag - 2], c = r[kLag - 1];
-  for (uint32_t i = kLag; i < kBatch + kLag; i += kShortLag) {
-    r[i] = a += r[i - kLag];
-    r[i + 1] = b += r[i + 1 - kLag];
-    r[i + 2] = c += r[i + 2 - kLag];
+  if (UseAvx2()) {
+    RefillAvx2(r, gGen.draws);
+  } else {
+    // Three interleaved chains kept in registers (value i needs value i-3 at once).
+    uint32_t a = r[kLag - 3], b = r[kLag - 2], c = r[kLag - 1];
+    for (uint32_t i = kLag; i < kBatch + kLag; i += kShortLag) {
+      r[i] = a += r[i - kLag];
+      r[i + 1] = b += r[i + 1 - kLag];
+      r[i + 2] = c += r[i + 2 - kLag];
+    }
+    for (uint32_t i = 0; i < kBatch; ++i) gGen.draws[i] = static_cast<int32_t>(r[kLag + i] >> 1);
   }
-  for (uint32_t i = 0; i < kBatch; ++i) gGen.draws[i] = static_cast<int32_t>(r[kLag + i] >> 1);
   gGen.next = 0;
   ++gGen.batch;
 }
@@ -89,14 +136,6 @@ struct PairTable {
   uint64_t batch = 0;                   // the batch described (0: none yet)
 };
 PairTable gPairs;
-
-// The vector loops of the Gaussian noise, also compiled for AVX2 (wider vectors, the same IEEE
-// operations) and chosen once by the processor.
-#define ZV_NOISE_AVX2 __attribute__((target("avx2")))
-inline bool UseAvx2() {
-  static const bool avx2 = __builtin_cpu_supports("avx2");
-  return avx2;
-}
 
 // s = v*v + u*u of the four pairs at square[j] and their tests (bits 0 to 3).
 inline uint64_t FourPairsBaseline(const double *square, double *s) {
