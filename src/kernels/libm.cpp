@@ -89,8 +89,10 @@ void Choose() {
     const LibMapFn replica = LibReplica(gate, static_cast<LibUnary>(f));
     gMaps[f] = replica ? replica : kScalarMaps[f];
   }
-  for (uint32_t f = 0; f < kLibPairCount; ++f)
-    gPairMaps[f] = (gate.pair >> f & 1) && kAvx2PairMaps[f] ? kAvx2PairMaps[f] : kScalarPairMaps[f];
+  for (uint32_t f = 0; f < kLibPairCount; ++f) {
+    const LibPairMapFn replica = LibReplica(gate, static_cast<LibPair>(f));
+    gPairMaps[f] = replica ? replica : kScalarPairMaps[f];
+  }
   gChosen = true;
 }
 

@@ -229,12 +229,6 @@ template <bool kCos> ZV_AVX2 __m256 SinCosEval(__m256 x, int *special) {
 // below 7/16), then an odd polynomial in two interleaved halves, and the reduction's atan added back.
 // Here every lane takes its own reduction, as numerator and denominator of one division.
 
-constexpr float kAtanHi[4] = {4.6364760399e-01f, 7.8539812565e-01f, 9.8279368877e-01f, 1.5707962513e+00f};
-constexpr float kAtanLo[4] = {5.0121582440e-09f, 3.7748947079e-08f, 3.4473217170e-08f, 7.5497894159e-08f};
-constexpr float kAtanT[11] = {3.3333334327e-01f,  -2.0000000298e-01f, 1.4285714924e-01f, -1.1111110449e-01f,
-                              9.0908870101e-02f,  -7.6918758452e-02f, 6.6610731184e-02f, -5.8335702866e-02f,
-                              4.9768779427e-02f,  -3.6531571299e-02f, 1.6285819933e-02f};
-
 ZV_AVX2 inline __m256 Mul(__m256 a, __m256 b) { return _mm256_mul_ps(a, b); }
 ZV_AVX2 inline __m256 Add(__m256 a, __m256 b) { return _mm256_add_ps(a, b); }
 ZV_AVX2 inline __m256 Sub(__m256 a, __m256 b) { return _mm256_sub_ps(a, b); }

@@ -1,9 +1,10 @@
-// Vector replicas of the C library's logf and tanf for processors with AVX-512 (F, DQ and VL), equal
-// to the library (glibc 2.36 on x86-64) bit for bit, as the AVX2 replicas (libm_avx2.cpp) are and by
-// the same arithmetic: sixteen binary32 lanes a step, their binary64 work in two halves of eight.
-// They pay where the AVX2 ones are held back: logf's table is two registers looked up by a permute
-// instead of a gather, which is slow on some processors, and tanf's long chains of dependent steps
-// keep twice as many lanes in flight.
+// Vector replicas of the C library's logf, tanf, atanf and atan2f (of complex parts) for processors
+// with AVX-512 (F, DQ and VL), equal to the library (glibc 2.36 on x86-64) bit for bit, as the AVX2
+// replicas (libm_avx2.cpp) are and by the same arithmetic: sixteen binary32 lanes a step, their
+// binary64 work in two halves of eight. They pay where the AVX2 ones are held back: logf's table is
+// two registers looked up by a permute instead of a gather, which is slow on some processors, and the
+// long chains of dependent steps of the older single-precision code (tanf, atanf) keep twice as many
+// lanes in flight, their branches chosen by masks instead of blends.
 //
 // Whether they may be used in a process is decided once by the gate (libm_gate.cpp).
 #define ZV_LIBM_IMPLEMENTATION
@@ -65,7 +66,7 @@ __attribute__((flatten)) ZV_AVX512 void Map(const float *s, float *d, uint64_t n
   uint64_t i = 0;
   for (; i + 16 <= n; i += 16) Step<Eval, F>(_mm512_loadu_ps(s + i), d + i, 0xffff);
   if (i < n) {
-    // The last few values, padded with ones (a main-path argument of both functions); the masked
+    // The last few values, padded with ones (a main-path argument of each function); the masked
     // load and store touch only the values themselves.
     const __mmask16 keep = static_cast<__mmask16>((1u << (n - i)) - 1);
     Step<Eval, F>(_mm512_mask_loadu_ps(_mm512_set1_ps(1.0f), keep, s + i), d + i, keep);
@@ -206,7 +207,127 @@ ZV_AVX512 __m512 TanEval(__m512 x, __mmask16 *special) {
   return TanKernel(_mm512_mask_blend_ps(reduce, x, high), _mm512_maskz_mov_ps(reduce, low), odd);
 }
 
+// ---- atanf, atan2f on complex parts -------------------------------------------------------------
+// As in libm_avx2.cpp: every lane takes its own reduction, as numerator and denominator of one
+// division, without fused steps.
+
+ZV_AVX512 inline __mmask16 Below(__m512i ix, uint32_t bound) {  // ix < bound, for 0 <= ix < 2^31
+  return _mm512_cmplt_epi32_mask(ix, _mm512_set1_epi32(static_cast<int>(bound)));
+}
+
+// atanf of every lane that is not NaN (from 2^25 on: +-(pi/2 high + low)).
+ZV_AVX512 inline __m512 AtanLanes(__m512 x) {
+  const __m512 sign = _mm512_castsi512_ps(_mm512_set1_epi32(INT32_MIN));
+  const __m512 ax = _mm512_abs_ps(x);
+  const __m512i ix = _mm512_castps_si512(ax);
+  const __mmask16 small = Below(ix, 0x3ee00000);  // |x| < 7/16: no reduction
+  const __mmask16 r0 = Below(ix, 0x3f300000), r1 = Below(ix, 0x3f980000), r2 = Below(ix, 0x401c0000);
+  // Reductions: (2x-1)/(2+x), (x-1)/(x+1), (x-1.5)/(1+1.5x), -1/x on |x|; x/1 below 7/16.
+  const __m512 one = Set(1.0f);
+  __m512 num = _mm512_mask_blend_ps(r1, Sub(ax, Set(1.5f)), Sub(ax, one));
+  __m512 den = _mm512_mask_blend_ps(r1, Add(one, Mul(Set(1.5f), ax)), Add(ax, one));
+  num = _mm512_mask_blend_ps(r0, num, Sub(Mul(Set(2.0f), ax), one));
+  den = _mm512_mask_blend_ps(r0, den, Add(Set(2.0f), ax));
+  num = _mm512_mask_blend_ps(small, _mm512_mask_blend_ps(r2, Set(-1.0f), num), x);
+  den = _mm512_mask_blend_ps(small, _mm512_mask_blend_ps(r2, ax, den), one);
+  const __m512 t = _mm512_div_ps(num, den);
+  const __m512 z = Mul(t, t), w = Mul(z, z);
+  const __m512 s1 = Mul(z, Add(Set(kAtanT[0]), Mul(w, Add(Set(kAtanT[2]), Mul(w, Add(Set(kAtanT[4]),
+                    Mul(w, Add(Set(kAtanT[6]), Mul(w, Add(Set(kAtanT[8]), Mul(w, Set(kAtanT[10]))))))))))));
+  const __m512 s2 = Mul(w, Add(Set(kAtanT[1]), Mul(w, Add(Set(kAtanT[3]), Mul(w, Add(Set(kAtanT[5]),
+                    Mul(w, Add(Set(kAtanT[7]), Mul(w, Set(kAtanT[9]))))))))));
+  const __m512 p = Mul(t, Add(s1, s2));
+  // The reduction's atan(c) = hi + lo, by the index of the reduction, 0 to 3 (the masks are nested).
+  const __m512i index = _mm512_add_epi32(_mm512_add_epi32(_mm512_movm_epi32(r0), _mm512_movm_epi32(r1)),
+                                         _mm512_add_epi32(_mm512_movm_epi32(r2), _mm512_set1_epi32(3)));
+  const __m512 hi = _mm512_permutexvar_ps(index, _mm512_broadcast_f32x4(_mm_loadu_ps(kAtanHi)));
+  const __m512 lo = _mm512_permutexvar_ps(index, _mm512_broadcast_f32x4(_mm_loadu_ps(kAtanLo)));
+  const __m512 reduced = _mm512_xor_ps(Sub(hi, Sub(Sub(p, lo), t)), _mm512_and_ps(x, sign));
+  __m512 y = _mm512_mask_blend_ps(small, reduced, Sub(t, p));
+  y = _mm512_mask_blend_ps(Below(ix, 0x31000000), y, x);  // |x| < 2^-29: x itself
+  const __m512 huge = _mm512_or_ps(Add(Set(kAtanHi[3]), Set(kAtanLo[3])), _mm512_and_ps(x, sign));
+  return _mm512_mask_blend_ps(_mm512_cmpgt_epi32_mask(ix, _mm512_set1_epi32(0x4bffffff)), y, huge);
+}
+
+// Main path: every value but NaN.
+ZV_AVX512 __m512 AtanEval(__m512 x, __mmask16 *special) {
+  const __m512i ix = _mm512_and_si512(_mm512_castps_si512(x), _mm512_set1_epi32(0x7fffffff));
+  *special = _mm512_cmpgt_epi32_mask(ix, _mm512_set1_epi32(0x7f800000));
+  return AtanLanes(x);
+}
+
+// atan2f(b, a) from the quotient's atan, by the signs of a and b. Zero, infinite and NaN parts and
+// a = 1 are the library's.
+ZV_AVX512 inline __m512 PhaseEval(__m512 a, __m512 b, __mmask16 *special) {
+  const __m512i hx = _mm512_castps_si512(a), hy = _mm512_castps_si512(b);
+  const __m512i magnitude = _mm512_set1_epi32(0x7fffffff), largest = _mm512_set1_epi32(0x7f7fffff);
+  const __m512i ix = _mm512_and_si512(hx, magnitude), iy = _mm512_and_si512(hy, magnitude);
+  *special = _mm512_testn_epi32_mask(ix, ix) | _mm512_testn_epi32_mask(iy, iy) |
+             _mm512_cmpgt_epi32_mask(ix, largest) | _mm512_cmpgt_epi32_mask(iy, largest) |
+             _mm512_cmpeq_epi32_mask(hx, _mm512_set1_epi32(0x3f800000));
+  // k = (iy - ix) >> 23: beyond 60 the quotient is taken as huge (pi/2 + pi_lo/2), below -60 with a
+  // negative a as zero, otherwise z = atanf(|b/a|).
+  const __m512i k = _mm512_srai_epi32(_mm512_sub_epi32(iy, ix), 23);
+  __m512 z = AtanLanes(_mm512_abs_ps(_mm512_div_ps(b, a)));
+  const __mmask16 x_negative = _mm512_movepi32_mask(hx), y_negative = _mm512_movepi32_mask(hy);
+  const __mmask16 big = _mm512_cmpgt_epi32_mask(k, _mm512_set1_epi32(60));
+  const __mmask16 little = _mm512_mask_cmplt_epi32_mask(x_negative, k, _mm512_set1_epi32(-60));
+  const float pi_lo = -8.7422776573e-08f, pi = 3.1415927410e+00f;
+  z = _mm512_mask_blend_ps(big, z, Add(Set(1.5707963705e+00f), Mul(Set(0.5f), Set(pi_lo))));
+  z = _mm512_maskz_mov_ps(static_cast<__mmask16>(~little), z);
+  // By the signs: (+, +) z; (b < 0, a > 0) -z; (b >= 0, a < 0) pi - (z - pi_lo); (-, -) (z - pi_lo) - pi.
+  const __m512 zl = Sub(z, Set(pi_lo));
+  const __m512 right = _mm512_mask_xor_ps(z, y_negative, z, _mm512_castsi512_ps(_mm512_set1_epi32(INT32_MIN)));
+  const __m512 left = _mm512_mask_blend_ps(y_negative, Sub(Set(pi), zl), Sub(zl, Set(pi)));
+  return _mm512_mask_blend_ps(x_negative, right, left);
+}
+
+// Two-argument functions over pairs (a, b): sixteen pairs a step (those of keep stored), as Step.
+template <__m512 (*Eval)(__m512, __m512, __mmask16 *), float (*F)(float, float)>
+ZV_AVX512 inline void PairStep(__m512 p0, __m512 p1, float *d, __mmask16 keep) {
+  p0 = FlushLanes(p0);
+  p1 = FlushLanes(p1);
+  // Deinterleave: even parts are the real parts a, odd ones the imaginary parts b.
+  const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+  const __m512 a = _mm512_permutex2var_ps(p0, even, p1);
+  const __m512 b = _mm512_permutex2var_ps(p0, _mm512_add_epi32(even, _mm512_set1_epi32(1)), p1);
+  __mmask16 special = 0;
+  __m512 y = Eval(a, b, &special);
+  special &= keep;
+  if (__builtin_expect(special != 0, 0)) {
+    alignas(64) float as[16], bs[16], ys[16];
+    _mm512_store_ps(as, a);
+    _mm512_store_ps(bs, b);
+    _mm512_store_ps(ys, y);
+    for (unsigned m = special; m != 0; m &= m - 1) {
+      const int j = __builtin_ctz(m);
+      ys[j] = F(as[j], bs[j]);
+    }
+    y = _mm512_load_ps(ys);
+  }
+  _mm512_mask_storeu_ps(d, keep, FlushLanes(y));
+}
+
+template <__m512 (*Eval)(__m512, __m512, __mmask16 *), float (*F)(float, float)>
+__attribute__((flatten)) ZV_AVX512 void PairMap(const float *pairs, float *d, uint64_t n) {
+  uint64_t i = 0;
+  for (; i + 16 <= n; i += 16)
+    PairStep<Eval, F>(_mm512_loadu_ps(pairs + 2 * i), _mm512_loadu_ps(pairs + 2 * i + 16), d + i, 0xffff);
+  if (i < n) {
+    // The last few pairs, padded with ones; the padding lanes are neither stored nor handed to F.
+    const uint32_t parts = static_cast<uint32_t>(2 * (n - i));
+    const __mmask16 low = static_cast<__mmask16>(parts >= 16 ? 0xffff : (1u << parts) - 1);
+    const __mmask16 high = static_cast<__mmask16>(parts > 16 ? (1u << (parts - 16)) - 1 : 0);
+    PairStep<Eval, F>(_mm512_mask_loadu_ps(_mm512_set1_ps(1.0f), low, pairs + 2 * i),
+                      _mm512_mask_loadu_ps(_mm512_set1_ps(1.0f), high, pairs + 2 * i + 16), d + i,
+                      static_cast<__mmask16>((1u << (n - i)) - 1));
+  }
+}
+
+inline float Phase(float a, float b) { return atan2f(b, a); }
+
 }  // namespace
 
-const LibMapFn kAvx512Maps[kLibUnaryCount] = {nullptr,  Map<LogEval, logf>, nullptr, nullptr,
-                                              Map<TanEval, tanf>, nullptr, nullptr, nullptr};
+const LibMapFn kAvx512Maps[kLibUnaryCount] = {nullptr, Map<LogEval, logf>, nullptr, nullptr,
+                                              Map<TanEval, tanf>, nullptr, nullptr, Map<AtanEval, atanf>};
+const LibPairMapFn kAvx512PairMaps[kLibPairCount] = {PairMap<PhaseEval, Phase>, nullptr};

@@ -1,4 +1,4 @@
-// The constants of the C library's logf and tanf (glibc 2.36), shared by their vector replicas.
+// The constants of the C library's logf, tanf and atanf (glibc 2.36), shared by their vector replicas.
 #pragma once
 #include <cstdint>
 
@@ -25,3 +25,11 @@ constexpr float kTanT[13] = {3.3333334327e-01f, 1.3333334029e-01f, 5.3968254477e
                              8.8632395491e-03f, 3.5920790397e-03f, 1.4562094584e-03f,  5.8804126456e-04f,
                              2.4646313977e-04f, 7.8179444245e-05f, 7.1407252108e-05f,  -1.8558637748e-05f,
                              2.5907305826e-05f};
+
+// atanf: atan of the reductions' centres 1/2, 1, 3/2 and infinity, high and low parts; the odd
+// polynomial's coefficients.
+constexpr float kAtanHi[4] = {4.6364760399e-01f, 7.8539812565e-01f, 9.8279368877e-01f, 1.5707962513e+00f};
+constexpr float kAtanLo[4] = {5.0121582440e-09f, 3.7748947079e-08f, 3.4473217170e-08f, 7.5497894159e-08f};
+constexpr float kAtanT[11] = {3.3333334327e-01f,  -2.0000000298e-01f, 1.4285714924e-01f, -1.1111110449e-01f,
+                              9.0908870101e-02f,  -7.6918758452e-02f, 6.6610731184e-02f, -5.8335702866e-02f,
+                              4.9768779427e-02f,  -3.6531571299e-02f, 1.6285819933e-02f};

@@ -135,3 +135,9 @@ LibMapFn LibReplica(const LibGate &g, LibUnary f) {
   if (!(g.unary >> i & 1)) return nullptr;
   return g.avx512 && kAvx512Maps[i] ? kAvx512Maps[i] : kAvx2Maps[i];
 }
+
+LibPairMapFn LibReplica(const LibGate &g, LibPair f) {
+  const uint32_t i = static_cast<uint32_t>(f);
+  if (!(g.pair >> i & 1)) return nullptr;
+  return g.avx512 && kAvx512PairMaps[i] ? kAvx512PairMaps[i] : kAvx2PairMaps[i];
+}

@@ -16,6 +16,7 @@ extern const LibMapFn kAvx2Maps[kLibUnaryCount];
 extern const LibPairMapFn kAvx2PairMaps[kLibPairCount];
 // The same for processors with AVX-512 (F, DQ and VL), for the functions where they are faster.
 extern const LibMapFn kAvx512Maps[kLibUnaryCount];
+extern const LibPairMapFn kAvx512PairMaps[kLibPairCount];
 
 // Whether this process runs where the replicas were verified: the floating-point control state of the
 // verification, a processor with AVX2 and FMA, and a libm build on the verified list.
@@ -32,6 +33,7 @@ LibGate LibCheckGate();
 // The replica that stands in for f under the gate g (null: the scalar calls): the AVX-512 one where
 // there is one and the gate admits it, otherwise the AVX2 one.
 LibMapFn LibReplica(const LibGate &g, LibUnary f);
+LibPairMapFn LibReplica(const LibGate &g, LibPair f);
 
 // Arguments on which the library's FMA and SSE2 builds give different results, per function (none
 // for the functions whose builds agree everywhere): the gate's probes of the bound build.
