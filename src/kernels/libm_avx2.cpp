@@ -16,6 +16,7 @@
 #define ZV_LIBM_IMPLEMENTATION
 #include <immintrin.h>
 
+#include <bit>
 #include <cstring>
 
 #include "kernels/libm_constants.h"
@@ -27,14 +28,11 @@ namespace {
 
 // ---- lanes -----------------------------------------------------------------------------------------
 
-// Table lookups (the masked forms: the plain ones leave their merge operand undefined, which the
+// Table lookup (the masked form: the plain one leaves its merge operand undefined, which the
 // compiler warns about).
 ZV_AVX2 inline __m256i Gather64(const uint64_t *table, __m256i index) {
   return _mm256_mask_i64gather_epi64(_mm256_setzero_si256(), reinterpret_cast<const long long *>(table), index,
                                      _mm256_set1_epi64x(-1), 8);
-}
-ZV_AVX2 inline __m256d Gather64(const double *table, __m128i index) {
-  return _mm256_mask_i32gather_pd(_mm256_setzero_pd(), table, index, _mm256_castsi256_pd(_mm256_set1_epi64x(-1)), 8);
 }
 
 // Subnormal lanes become zeros of their sign (decided on the bits).
@@ -138,14 +136,35 @@ ZV_AVX2 __m256 ExpEval(__m256 x, int *special) {
 // x = 2^k z with z in [0x3f330000, 2*0x3f330000) as bits; log(x) = log1p(z/c - 1) + log(c) + k*ln2,
 // c near the middle of z's sixteenth of the range (1/c and log(c) from the table), log1p from a cubic.
 
-ZV_AVX2 inline __m128 LogHalf(__m128 x) {
-  const __m128i ix = _mm_castps_si128(x);
+// The table's columns as 32-bit halves, each half two registers of eight, looked up with permutes
+// (the gathers are slow on some processors with AVX2).
+struct LogHalves {
+  alignas(32) uint32_t invc_lo[16], invc_hi[16], logc_lo[16], logc_hi[16];
+};
+constexpr LogHalves MakeLogHalves() {
+  LogHalves t{};
+  for (int i = 0; i < 16; ++i) {
+    const uint64_t invc = std::bit_cast<uint64_t>(kLogTable[i][0]), logc = std::bit_cast<uint64_t>(kLogTable[i][1]);
+    t.invc_lo[i] = static_cast<uint32_t>(invc), t.invc_hi[i] = static_cast<uint32_t>(invc >> 32);
+    t.logc_lo[i] = static_cast<uint32_t>(logc), t.logc_hi[i] = static_cast<uint32_t>(logc >> 32);
+  }
+  return t;
+}
+constexpr LogHalves kLogHalves = MakeLogHalves();
+
+// half[i] for the index i in bits 0 to 2 of each lane (the permutes read no other bits) and bit 3 in
+// the sign bit of upper.
+ZV_AVX2 inline __m256i Lookup16(const uint32_t *half, __m256i i, __m256 upper) {
+  const __m256 a = _mm256_permutevar8x32_ps(_mm256_load_ps(reinterpret_cast<const float *>(half)), i);
+  const __m256 b = _mm256_permutevar8x32_ps(_mm256_load_ps(reinterpret_cast<const float *>(half + 8)), i);
+  return _mm256_castps_si256(_mm256_blendv_ps(a, b, upper));
+}
+
+// Four lanes: the argument bits, 1/c and log(c).
+ZV_AVX2 inline __m128 LogHalf(__m128i ix, __m256d invc, __m256d logc) {
   const __m128i tmp = _mm_sub_epi32(ix, _mm_set1_epi32(0x3f330000));
-  const __m128i i2 = _mm_slli_epi32(_mm_and_si128(_mm_srli_epi32(tmp, 19), _mm_set1_epi32(15)), 1);
   const __m128i k = _mm_srai_epi32(tmp, 23);
   const __m128i iz = _mm_sub_epi32(ix, _mm_and_si128(tmp, _mm_set1_epi32(static_cast<int>(0xff800000u))));
-  const __m256d invc = Gather64(&kLogTable[0][0], i2);
-  const __m256d logc = Gather64(&kLogTable[0][1], i2);
   const __m256d z = _mm256_cvtps_pd(_mm_castsi128_ps(iz));
   // y0 = k*ln2 + log(c) and r = z/c - 1; both fused as in the library's FMA build.
   const __m256d y0 = _mm256_fmadd_pd(_mm256_cvtepi32_pd(k), _mm256_set1_pd(kLogLn2), logc);
@@ -166,7 +185,19 @@ ZV_AVX2 __m256 LogEval(__m256 x, int *special) {
   const __m256i out = _mm256_or_si256(_mm256_cmpgt_epi32(_mm256_set1_epi32(0x00800000), ix),
                                       _mm256_cmpgt_epi32(ix, _mm256_set1_epi32(0x7f7fffff)));
   *special = _mm256_movemask_ps(_mm256_castsi256_ps(out));
-  return ByHalves<LogHalf>(x);
+  // The index looked up with lanes 2, 3 and 4, 5 swapped, so that interleaving the low and high
+  // halves in each 128-bit lane yields the binary64 values of lanes 0 to 3, then of lanes 4 to 7.
+  const __m256i tmp = _mm256_sub_epi32(_mm256_permute4x64_epi64(ix, 0xd8), _mm256_set1_epi32(0x3f330000));
+  const __m256i i = _mm256_srli_epi32(tmp, 19);
+  const __m256 upper = _mm256_castsi256_ps(_mm256_slli_epi32(tmp, 9));
+  const __m256i invc_lo = Lookup16(kLogHalves.invc_lo, i, upper), invc_hi = Lookup16(kLogHalves.invc_hi, i, upper);
+  const __m256i logc_lo = Lookup16(kLogHalves.logc_lo, i, upper), logc_hi = Lookup16(kLogHalves.logc_hi, i, upper);
+  const __m128 lo = LogHalf(_mm256_castsi256_si128(ix), _mm256_castsi256_pd(_mm256_unpacklo_epi32(invc_lo, invc_hi)),
+                            _mm256_castsi256_pd(_mm256_unpacklo_epi32(logc_lo, logc_hi)));
+  const __m128 hi =
+      LogHalf(_mm256_extracti128_si256(ix, 1), _mm256_castsi256_pd(_mm256_unpackhi_epi32(invc_lo, invc_hi)),
+              _mm256_castsi256_pd(_mm256_unpackhi_epi32(logc_lo, logc_hi)));
+  return _mm256_insertf128_ps(_mm256_castps128_ps256(lo), hi, 1);
 }
 
 // ---- sinf, cosf ----------------------------------------------------------------------------------
