@@ -76,6 +76,7 @@ TEST(Driver, CommandsThatSucceed) {
       // Subnormal operands are zeros of their sign: ln of -2^-149 and of 2^-127 is ln of a zero, the
       // phase of (-0, -0) is -pi; a number below the normal range is parsed as the zero of its sign.
       {{"o", "=", "ln", "sub.img"}, "o", TypeReal32, B<float>({-INFINITY, -INFINITY})},
+      {{"o", "=", "sub.img", "*", "1"}, "o", TypeReal32, B<uint32_t>({0x80000000, 0})},
       {{"o", "=", "phase", "csub.img"}, "o", TypeReal32, B<uint32_t>({0xc0490fdb})},
       {{"o", "=", "a.img", "+i", "-1e-40"}, "o", TypeCmplx32, B<uint32_t>({0x3fc00000, 0x80000000, 0xc0000000, 0x80000000})},
       // A smaller operand that is a slice of a four-axis image is applied to every slice.
