@@ -90,19 +90,6 @@ template <__m256 (*Eval)(__m256, int *), float (*F)(float)> ZV_AVX2 void Map(con
 // table of 2^(i/32) (bits minus i << 47) with k's high part added to the exponent, 2^(r/32) from a
 // cubic.
 
-alignas(64) constexpr uint64_t kExpTable[32] = {
-    0x3ff0000000000000, 0x3fefd9b0d3158574, 0x3fefb5586cf9890f, 0x3fef9301d0125b51, 0x3fef72b83c7d517b,
-    0x3fef54873168b9aa, 0x3fef387a6e756238, 0x3fef1e9df51fdee1, 0x3fef06fe0a31b715, 0x3feef1a7373aa9cb,
-    0x3feedea64c123422, 0x3feece086061892d, 0x3feebfdad5362a27, 0x3feeb42b569d4f82, 0x3feeab07dd485429,
-    0x3feea47eb03a5585, 0x3feea09e667f3bcd, 0x3fee9f75e8ec5f74, 0x3feea11473eb0187, 0x3feea589994cce13,
-    0x3feeace5422aa0db, 0x3feeb737b0cdc5e5, 0x3feec49182a3f090, 0x3feed503b23e255d, 0x3feee89f995ad3ad,
-    0x3feeff76f2fb5e47, 0x3fef199bdd85529c, 0x3fef3720dcef9069, 0x3fef5818dcfba487, 0x3fef7c97337b9b5f,
-    0x3fefa4afa2a490da, 0x3fefd0765b6e4540};
-constexpr double kExpInvLn2N = 0x1.71547652b82fep+0 * 32;
-constexpr double kExpShift = 0x1.8p+52;
-constexpr double kExpC0 = 0x1.c6af84b912394p-5 / 32 / 32 / 32, kExpC1 = 0x1.ebfce50fac4f3p-3 / 32 / 32,
-                 kExpC2 = 0x1.62e42ff0c52d6p-1 / 32;
-
 ZV_AVX2 inline __m128 ExpHalf(__m128 x) {
   const __m256d xd = _mm256_cvtps_pd(x);
   const __m256d inv_ln2n = _mm256_set1_pd(kExpInvLn2N), shift = _mm256_set1_pd(kExpShift);

@@ -1,8 +1,9 @@
-// Vector replicas of the C library's logf, tanf, atanf and atan2f (of complex parts) for processors
-// with AVX-512 (F, DQ and VL), equal to the library (glibc 2.36 on x86-64) bit for bit, as the AVX2
-// replicas (libm_avx2.cpp) are and by the same arithmetic: sixteen binary32 lanes a step, their
-// binary64 work in two halves of eight. They pay where the AVX2 ones are held back: logf's table is
-// two registers looked up by a permute instead of a gather, which is slow on some processors, and the
+// Vector replicas of the C library's expf, logf, tanf, atanf and atan2f (of complex parts) for
+// processors with AVX-512 (F, DQ and VL), equal to the library (glibc 2.36 on x86-64) bit for bit, as
+// the AVX2 replicas (libm_avx2.cpp) are and by the same arithmetic: sixteen binary32 lanes a step,
+// their binary64 work in two halves of eight. They pay where the AVX2 ones are held back: expf's and
+// logf's tables are registers looked up by permutes instead of gathers, which are slow on some
+// processors, and the
 // long chains of dependent steps of the older single-precision code (tanf, atanf) keep twice as many
 // lanes in flight, their branches chosen by masks instead of blends.
 //
@@ -71,6 +72,42 @@ __attribute__((flatten)) ZV_AVX512 void Map(const float *s, float *d, uint64_t n
     const __mmask16 keep = static_cast<__mmask16>((1u << (n - i)) - 1);
     Step<Eval, F>(_mm512_mask_loadu_ps(_mm512_set1_ps(1.0f), keep, s + i), d + i, keep);
   }
+}
+
+// ---- expf --------------------------------------------------------------------------------------------
+// As in libm_avx2.cpp; the table of 32 is four registers, two permutes of sixteen chosen by bit 4.
+
+ZV_AVX512 inline __m256 ExpHalf(__m256 x) {
+  const __m512d xd = _mm512_cvtps_pd(x);
+  const __m512d inv_ln2n = _mm512_set1_pd(kExpInvLn2N), shift = _mm512_set1_pd(kExpShift);
+  // kd = round(x*32/ln2) by the shift; fused as in the library's FMA build.
+  __m512d kd = _mm512_fmadd_pd(inv_ln2n, xd, shift);
+  const __m512i ki = _mm512_castpd_si512(kd);
+  kd = _mm512_sub_pd(kd, shift);
+  // r = x*32/ln2 - kd; fused as in the library's FMA build.
+  const __m512d r = _mm512_fmsub_pd(inv_ln2n, xd, kd);
+  // The table entry of ki's bits 0 to 4 (the permutes read bits 0 to 3).
+  const __m512i low = _mm512_permutex2var_epi64(_mm512_load_si512(kExpTable), ki, _mm512_load_si512(kExpTable + 8));
+  const __m512i high =
+      _mm512_permutex2var_epi64(_mm512_load_si512(kExpTable + 16), ki, _mm512_load_si512(kExpTable + 24));
+  const __m512i entry = _mm512_mask_blend_epi64(_mm512_test_epi64_mask(ki, _mm512_set1_epi64(16)), low, high);
+  const __m512i t = _mm512_add_epi64(entry, _mm512_slli_epi64(ki, 47));
+  // The cubic; its three multiply-adds are fused as in the library's FMA build, r*r and the scaling
+  // are plain products.
+  const __m512d z = _mm512_fmadd_pd(_mm512_set1_pd(kExpC0), r, _mm512_set1_pd(kExpC1));
+  const __m512d r2 = _mm512_mul_pd(r, r);
+  __m512d y = _mm512_fmadd_pd(_mm512_set1_pd(kExpC2), r, _mm512_set1_pd(1.0));
+  y = _mm512_fmadd_pd(z, r2, y);
+  y = _mm512_mul_pd(y, _mm512_castsi512_pd(t));
+  return _mm512_cvtpd_ps(y);
+}
+
+// Main path: |x| < 88 (biased exponent and top mantissa bits at most 0x42a); the rest (overflow,
+// underflow, infinities, NaN) is the library's.
+ZV_AVX512 __m512 ExpEval(__m512 x, __mmask16 *special) {
+  const __m512i top12 = _mm512_and_si512(_mm512_srli_epi32(_mm512_castps_si512(x), 20), _mm512_set1_epi32(0x7ff));
+  *special = _mm512_cmpgt_epi32_mask(top12, _mm512_set1_epi32(0x42a));
+  return ByHalves<ExpHalf>(x);
 }
 
 // ---- logf --------------------------------------------------------------------------------------------
@@ -328,6 +365,6 @@ inline float Phase(float a, float b) { return atan2f(b, a); }
 
 }  // namespace
 
-const LibMapFn kAvx512Maps[kLibUnaryCount] = {nullptr, Map<LogEval, logf>, nullptr, nullptr,
+const LibMapFn kAvx512Maps[kLibUnaryCount] = {Map<ExpEval, expf>, Map<LogEval, logf>, nullptr, nullptr,
                                               Map<TanEval, tanf>, nullptr, nullptr, Map<AtanEval, atanf>};
 const LibPairMapFn kAvx512PairMaps[kLibPairCount] = {PairMap<PhaseEval, Phase>, nullptr};
