@@ -20,7 +20,7 @@
 #include "platform/core/errors.h"
 #include "platform/core/types.h"
 #include "platform/imageio/format.h"
-#include "platform/imageio/formats/tiff_library.h"
+#include "platform/imageio/tiff_library.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Loads libtiff by the name (soname) of the library the tool was built against, once per process.
-#include "platform/imageio/formats/tiff_library.h"
+#include "platform/imageio/tiff_library.h"
 
 #include <dlfcn.h>
 
