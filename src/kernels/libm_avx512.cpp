@@ -3,9 +3,8 @@
 // the AVX2 replicas (libm_avx2.cpp) are and by the same arithmetic: sixteen binary32 lanes a step,
 // their binary64 work in two halves of eight. They pay where the AVX2 ones are held back: expf's and
 // logf's tables are registers looked up by permutes instead of gathers, which are slow on some
-// processors, and the
-// long chains of dependent steps of the older single-precision code (tanf, atanf) keep twice as many
-// lanes in flight, their branches chosen by masks instead of blends.
+// processors, and the long chains of dependent steps of the older single-precision code (tanf, atanf)
+// keep twice as many lanes in flight, their branches chosen by masks instead of blends.
 //
 // Whether they may be used in a process is decided once by the gate (libm_gate.cpp).
 #define ZV_LIBM_IMPLEMENTATION
